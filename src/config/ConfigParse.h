@@ -1,0 +1,62 @@
+// The feed's configuration file (one INI section "config") and the record it
+// fills, which every component then reads and none writes.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+struct ExanicMdConfigData {
+    std::string device;
+    std::string insts;
+    std::string shfe2ps_ip_a;
+    std::string shfe2ps_ip_b;
+    std::string shfe4ps_ip_a;
+    std::string shfe4ps_ip_b;
+    std::string ine2ps_ip_b;
+    std::string ine2ps_ip_a;
+    std::string ine4ps_ip_b;
+    std::string ine4ps_ip_a;
+    std::vector<std::string> listen_insts;
+    uint32_t total_listen_cnt = 0;
+    int16_t shfe2ps_topic_id = 0;
+    int16_t shfe4ps_topic_id = 0;
+    int16_t ine2ps_topic_id = 0;
+    int16_t ine4ps_topic_id = 0;
+    uint16_t md2ps_snap_port = 0;
+    uint16_t md4ps_snap_port = 0;
+    int16_t cpucore = 0;
+    int16_t timeout_cnt = 0;
+    int8_t recvall = 0;
+    int8_t options = 0;
+    int8_t split_all_field = 0;
+    bool shield_price_check = false;
+    bool shfe2ps = false;
+    bool shfe4ps = false;
+    bool ine2ps = false;
+    bool ine4ps = false;
+};
+
+class CConfigParse {
+public:
+    explicit CConfigParse(ExanicMdConfigData& configData) : m_refConfigData(configData) {}
+
+    // Reads `path` into the record and sets the log level from it.
+    // Returns 0, or -1 when the file cannot be opened, no device is named or
+    // nothing is subscribed; on -1 the record may be partly filled.
+    int InitConfig(const std::string& path);
+
+private:
+    friend class CConfigParseTestAccess;
+
+    int _LoadConfig(const std::string& path);
+    static std::string _Trim(const std::string& s);
+    // Always splits on the comma, whatever `sep` is.
+    static std::vector<std::string> _SplitByChar(const std::string& s, char sep);
+    std::string _GetConfigData(const std::string& section, const std::string& key,
+                               const std::string& defaultValue) const;
+
+    std::map<std::string, std::map<std::string, std::string>> sections;
+    ExanicMdConfigData& m_refConfigData;
+};

@@ -1,0 +1,57 @@
+#include "tests/support/ShmSandbox.h"
+
+#include <sys/ipc.h>
+#include <sys/shm.h>
+
+#include <cstdlib>
+
+#include "interface/commonheader.h"
+
+CShmSandbox::CShmSandbox() {
+    m_dir.WriteFile(QUVO_UPDATE_RING_KEY_FILE, "");
+    m_dir.WriteFile(QUVO_MD_AREA_KEY_FILE, "");
+    const char* saved = getenv(QUVO_KEY_DIR_ENV);
+    m_hadKeyDir = saved != nullptr;
+    if (m_hadKeyDir) {
+        m_savedKeyDir = saved;
+    }
+    setenv(QUVO_KEY_DIR_ENV, m_dir.Path().c_str(), 1);
+}
+
+CShmSandbox::~CShmSandbox() {
+    for (const std::string& path : {RingKeyPath(), AreaKeyPath()}) {
+        const int id = SegmentId(path);
+        if (id >= 0) {
+            shmctl(id, IPC_RMID, nullptr);
+        }
+    }
+    if (m_hadKeyDir) {
+        setenv(QUVO_KEY_DIR_ENV, m_savedKeyDir.c_str(), 1);
+    } else {
+        unsetenv(QUVO_KEY_DIR_ENV);
+    }
+}
+
+std::string CShmSandbox::RingKeyPath() const {
+    return Dir() + "/" QUVO_UPDATE_RING_KEY_FILE;
+}
+std::string CShmSandbox::AreaKeyPath() const {
+    return Dir() + "/" QUVO_MD_AREA_KEY_FILE;
+}
+
+int CShmSandbox::SegmentId(const std::string& keyPath) {
+    const key_t key = ftok(keyPath.c_str(), QUVO_SHM_PROJ_ID);
+    if (key == -1) {
+        return -1;
+    }
+    return shmget(key, 0, 0);
+}
+
+long CShmSandbox::AttachCount(const std::string& keyPath) {
+    const int id = SegmentId(keyPath);
+    struct shmid_ds info {};
+    if (id < 0 || shmctl(id, IPC_STAT, &info) != 0) {
+        return -1;
+    }
+    return static_cast<long>(info.shm_nattch);
+}

@@ -1,0 +1,27 @@
+// An isolated pair of key files for the shared segments: points QUVO_KEY_DIR
+// at a fresh directory holding key_f and key_e, and on destruction removes
+// the segments keyed by them and restores the environment.
+#pragma once
+
+#include <string>
+
+#include "tests/support/TempDir.h"
+
+class CShmSandbox {
+public:
+    CShmSandbox();
+    ~CShmSandbox();
+
+    const std::string& Dir() const { return m_dir.Path(); }
+    std::string RingKeyPath() const;
+    std::string AreaKeyPath() const;
+    // The System V id of the segment keyed by `keyPath`, or -1 if none exists.
+    static int SegmentId(const std::string& keyPath);
+    // Number of processes attached to the segment keyed by `keyPath`.
+    static long AttachCount(const std::string& keyPath);
+
+private:
+    CTempDir m_dir;
+    std::string m_savedKeyDir;
+    bool m_hadKeyDir;
+};
