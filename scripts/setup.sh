@@ -20,7 +20,6 @@ need_command cmake cmake
 need_command g++ g++
 need_command make make
 need_header gtest/gtest.h libgtest-dev
-need_header gmock/gmock.h libgmock-dev
 need_header benchmark/benchmark.h libbenchmark-dev
 
 if [ ${#missing[@]} -eq 0 ]; then
