@@ -21,6 +21,7 @@ need_command g++ g++
 need_command make make
 need_header gtest/gtest.h libgtest-dev
 need_header benchmark/benchmark.h libbenchmark-dev
+need_header pcap/pcap.h libpcap-dev
 
 if [ ${#missing[@]} -eq 0 ]; then
     echo "setup: everything needed is installed"

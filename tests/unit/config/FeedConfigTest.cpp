@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <regex>
-#include <sstream>
-
 #include "public/log/CommonLog.h"
 #include "src/config/ConfigParse.h"
+#include "tests/support/LogLines.h"
 #include "tests/support/StdoutCapture.h"
 #include "tests/support/TempDir.h"
 
@@ -27,15 +25,7 @@ protected:
 
     // Messages of the lines written at `label` ("[E]", "[X]" ...) by InitConfig.
     std::vector<std::string> Messages(const std::string& label) const {
-        std::vector<std::string> messages;
-        const std::regex line(
-            "\x1b\\[[0-9;]+m " + std::regex_replace(label, std::regex("[\\[\\]]"), "\\$&") +
-            " \\[[0-9]{8}\\]\\[[0-9:]{8}\\]\\[[0-9]+\\] \\[src/config/ConfigParse.cpp:[0-9]+\\]"
-            "\\[InitConfig\\]([^\x1b]*)\x1b\\[0m \n");
-        for (std::sregex_iterator it(m_out.begin(), m_out.end(), line), end; it != end; ++it) {
-            messages.push_back((*it)[1]);
-        }
-        return messages;
+        return log_messages(m_out, label, "InitConfig");
     }
 
     CTempDir m_dir;

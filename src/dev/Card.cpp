@@ -1,0 +1,185 @@
+#include "src/dev/Card.h"
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+std::atomic<CRegisterTap*> g_registerTap{nullptr};
+
+struct CardHandle {
+    std::string device;
+    int refCount = 0;
+#if QUVO_HAVE_EXANIC
+    exanic_t* pExanic = nullptr;
+#endif
+    std::unique_ptr<CSoftCard> softCard;
+};
+
+namespace {
+
+std::mutex g_cardMutex;
+std::map<std::string, CardHandle*> g_handles;
+std::string g_lastError;
+
+void SetLastError(const std::string& text) {
+    std::lock_guard<std::mutex> lock(g_cardMutex);
+    g_lastError = text;
+}
+
+}  // namespace
+
+bool card_is_software(const char* device) {
+    const std::string name(device);
+    return name.rfind("replay:", 0) == 0 || name == "sim" || name.rfind("sim:", 0) == 0;
+}
+
+CardHandle* card_acquire_handle(const char* device) {
+    std::string why;
+    if (card_is_software(device) && soft_card_take_failure(SOFT_STEP_HANDLE, why)) {
+        SetLastError(why);
+        return nullptr;
+    }
+    std::lock_guard<std::mutex> lock(g_cardMutex);
+    auto found = g_handles.find(device);
+    if (found != g_handles.end()) {
+#if QUVO_HAVE_EXANIC
+        // libexanic counts its own references; keep them in step with ours.
+        if (found->second->pExanic != nullptr && exanic_acquire_handle(device) == nullptr) {
+            g_lastError = exanic_get_last_error();
+            return nullptr;
+        }
+#endif
+        ++found->second->refCount;
+        if (found->second->softCard) {
+            found->second->softCard->NoteEvent("handle acquired");
+        }
+        return found->second;
+    }
+
+    auto handle = std::make_unique<CardHandle>();
+    handle->device = device;
+    if (card_is_software(device)) {
+        handle->softCard = CSoftCard::Open(device, why);
+        if (!handle->softCard) {
+            g_lastError = why;
+            return nullptr;
+        }
+    } else {
+#if QUVO_HAVE_EXANIC
+        handle->pExanic = exanic_acquire_handle(device);
+        if (handle->pExanic == nullptr) {
+            g_lastError = exanic_get_last_error();
+            return nullptr;
+        }
+#else
+        g_lastError =
+            "this build has no ExaNIC card support: install the card's software (libexanic) and rebuild "
+            "with cmake -DQUVO_WITH_EXANIC=ON, or use device = replay:raw=FILE,decoded=FILE";
+        return nullptr;
+#endif
+    }
+    handle->refCount = 1;
+    if (handle->softCard) {
+        handle->softCard->NoteEvent("handle acquired");
+    }
+    CardHandle* raw = handle.release();
+    g_handles[raw->device] = raw;
+    return raw;
+}
+
+volatile uint32_t* card_get_devkit_registers(CardHandle* handle) {
+    if (handle->softCard) {
+        std::string why;
+        if (soft_card_take_failure(SOFT_STEP_REGISTERS, why)) {
+            SetLastError(why);
+            return nullptr;
+        }
+        return handle->softCard->GetRegisters();
+    }
+#if QUVO_HAVE_EXANIC
+    volatile uint32_t* registers = exanic_get_devkit_registers(handle->pExanic);
+    if (registers == nullptr) {
+        SetLastError(exanic_get_last_error());
+    }
+    return registers;
+#else
+    return nullptr;
+#endif
+}
+
+CardRx* card_acquire_rx_buffer(CardHandle* handle, int port, int bufferNumber) {
+    auto rx = std::make_unique<CardRx>();
+    rx->pHandle = handle;
+    if (handle->softCard) {
+        std::string why;
+        const ESoftCardStep step = port == 0 ? SOFT_STEP_RX_PORT0 : SOFT_STEP_RX_PORT1;
+        if (soft_card_take_failure(step, why)) {
+            SetLastError(why);
+            return nullptr;
+        }
+        rx->pSoftCard = handle->softCard.get();
+        rx->pSoftPort = rx->pSoftCard->GetPort(port);
+        if (rx->pSoftPort == nullptr || bufferNumber != 0) {
+            SetLastError("the software card has ports 0 and 1 with buffer 0 only, not port " +
+                         std::to_string(port) + " buffer " + std::to_string(bufferNumber));
+            return nullptr;
+        }
+        rx->pSoftCard->NoteEvent("rx " + std::to_string(port) + " acquired");
+        return rx.release();
+    }
+#if QUVO_HAVE_EXANIC
+    rx->pExanicRx = exanic_acquire_rx_buffer(handle->pExanic, port, bufferNumber);
+    if (rx->pExanicRx == nullptr) {
+        SetLastError(exanic_get_last_error());
+        return nullptr;
+    }
+    return rx.release();
+#else
+    return nullptr;
+#endif
+}
+
+void card_release_rx_buffer(CardRx* rx) {
+    if (rx->pSoftCard != nullptr) {
+        rx->pSoftCard->NoteEvent(std::string("rx ") +
+                                 (rx->pSoftPort == rx->pSoftCard->GetPort(0) ? "0" : "1") + " released");
+    }
+#if QUVO_HAVE_EXANIC
+    if (rx->pExanicRx != nullptr) {
+        exanic_release_rx_buffer(rx->pExanicRx);
+    }
+#endif
+    delete rx;
+}
+
+void card_release_handle(CardHandle* handle) {
+    std::lock_guard<std::mutex> lock(g_cardMutex);
+#if QUVO_HAVE_EXANIC
+    if (handle->pExanic != nullptr) {
+        exanic_release_handle(handle->pExanic);
+    }
+#endif
+    if (handle->softCard) {
+        handle->softCard->NoteEvent("handle released");
+    }
+    if (--handle->refCount == 0) {
+        g_handles.erase(handle->device);
+        delete handle;
+    }
+}
+
+const char* card_get_last_error() {
+    std::lock_guard<std::mutex> lock(g_cardMutex);
+    return g_lastError.c_str();
+}
+
+CSoftCard* card_get_soft_card(CardHandle* handle) {
+    return handle->softCard.get();
+}
+
+int card_get_ref_count(const char* device) {
+    std::lock_guard<std::mutex> lock(g_cardMutex);
+    const auto found = g_handles.find(device);
+    return found == g_handles.end() ? 0 : found->second->refCount;
+}
