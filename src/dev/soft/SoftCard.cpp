@@ -18,6 +18,11 @@ void CSoftPort::Load(std::vector<char> bytes, std::vector<SoftFrame> frames) {
     m_exhausted.store(m_frames.empty(), std::memory_order_relaxed);
 }
 
+void CSoftPort::Rewind() {
+    m_next = 0;
+    m_exhausted.store(m_frames.empty(), std::memory_order_relaxed);
+}
+
 bool CSoftPort::IsIdle() const {
     return m_exhausted.load(std::memory_order_relaxed) ||
            __atomic_load_n(&m_pRegisters[m_streamRegister], __ATOMIC_RELAXED) != 1;

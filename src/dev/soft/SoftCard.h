@@ -33,6 +33,8 @@ public:
     CSoftPort(volatile uint32_t* registers, uint32_t streamRegister, CReplayClock& clock);
 
     void Load(std::vector<char> bytes, std::vector<SoftFrame> frames);
+    // Starts the frames over from the first; for looping benchmarks.
+    void Rewind();
 
     // Copies the next frame into `buf` and returns its length; 0 when no frame
     // is due; kTruncated (frame consumed) when it does not fit. A due frame
