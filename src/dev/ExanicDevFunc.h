@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "interface/commonheader.h"
 #include "src/config/ConfigParse.h"
 #include "src/dev/Card.h"
 #include "src/dev/Registers.h"
@@ -41,6 +42,15 @@ inline void mask_store(UEnableMask& m, uint8_t value) {
 inline void mask_set(UEnableMask& m, uint8_t bits) {
     mask_store(m, static_cast<uint8_t>(mask_load(m) | bits));
 }
+
+// Per-slot price conversion, filled by the snapshot decoder and read for every
+// decoded record: price = ticks * priceTick + codecPrice; an amount is
+// (volume * codecPrice + ticks * priceTick) * volumeMulti.
+struct PriceCalcInfo {
+    double priceTick[QUVO_INST_SLOTS];
+    double codecPrice[QUVO_INST_SLOTS];
+    int volumeMulti[QUVO_INST_SLOTS];
+};
 
 class CExanicDevFunc {
 public:

@@ -1,0 +1,441 @@
+#include "src/udp/ExanicUdpFunc.h"
+
+#include <cstring>
+
+#include "public/log/CommonLog.h"
+
+namespace {
+
+// The book is written through byte offsets of the shared record: an insert at
+// depth 10 moves one element past a side's tenth level into whatever follows
+// it in the layout (the next array, or the next slot's record), as designed.
+struct BookSide {
+    size_t pxOffset;
+    size_t volOffset;
+};
+constexpr BookSide kBid{offsetof(instrument, bid_px), offsetof(instrument, bid_vol)};
+constexpr BookSide kAsk{offsetof(instrument, ask_px), offsetof(instrument, ask_vol)};
+
+template <typename T>
+inline T LoadAt(const char* base, size_t offset) {
+    T value;
+    memcpy(&value, base + offset, sizeof(value));
+    return value;
+}
+
+template <typename T>
+inline void StoreAt(char* base, size_t offset, T value) {
+    memcpy(base + offset, &value, sizeof(value));
+}
+
+inline double Px(const char* rec, const BookSide& side, int level) {
+    return LoadAt<double>(rec, side.pxOffset + 8 * static_cast<size_t>(level));
+}
+inline int32_t Vol(const char* rec, const BookSide& side, int level) {
+    return LoadAt<int32_t>(rec, side.volOffset + 4 * static_cast<size_t>(level));
+}
+inline void SetLevel(char* rec, const BookSide& side, int level, double px, int32_t vol) {
+    StoreAt(rec, side.pxOffset + 8 * static_cast<size_t>(level), px);
+    StoreAt(rec, side.volOffset + 4 * static_cast<size_t>(level), vol);
+}
+
+inline bool IsEmptyLevel(double px, int32_t vol) {
+    return px > -1e-5 && px < 1e-5 && vol <= 0;
+}
+
+inline int32_t WrappingAdd(int32_t a, int32_t b) {
+    return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
+}
+
+inline bool ContainsTas(const unsigned char* id) {
+    const size_t n = strnlen(reinterpret_cast<const char*>(id), sizeof(instrument::inst_id));
+    for (size_t i = 0; i + 3 <= n; ++i) {
+        if (id[i] == 'T' && id[i + 1] == 'A' && id[i + 2] == 'S') {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Identifiers are printed bounded: a slot's 16 bytes need not end in a NUL.
+#define QUVO_ID(inst) static_cast<int>(sizeof((inst).inst_id)), reinterpret_cast<const char*>((inst).inst_id)
+
+}  // namespace
+
+CExanicUdpFunc::CExanicUdpFunc(const ExanicMdConfigData& configData, share* shareMem, CacheBufInfo& cache,
+                               const PriceCalcInfo& calcInfo, uint32_t& instNo)
+    : m_refConfigData(configData),
+      m_pRegisters(nullptr),
+      m_pRxBuffer(nullptr),
+      m_pShareMem(shareMem),
+      m_cachedDecode(cache),
+      m_refCalcInfo(calcInfo),
+      m_recvBuf(),
+      m_refInstNo(instNo),
+      shfelogflag(true),
+      inelogflag(true) {}
+
+int CExanicUdpFunc::InitUdp(volatile uint32_t* registers, CardRx* rx) {
+    m_pRegisters = registers;
+    m_pRxBuffer = rx;
+    return 0;
+}
+
+uint32_t CExanicUdpFunc::_ReceiveFrame() {
+    // An error result is taken as a huge length and dropped with the rest.
+    const uint32_t n = static_cast<uint32_t>(card_receive_frame(m_pRxBuffer, m_recvBuf, sizeof(m_recvBuf)));
+    if (n == 0) {
+        return 0;
+    }
+    if (n < kDecodedRecordMinLen || n > kDecodedFrameMaxLen) {
+        QUVO_LOG(LOG_DEBUG, "receive abnormal decode length: %u", n);
+        return 0;
+    }
+    QUVO_LOG(LOG_DEBUG_EX, "receive decode length: %u", n);
+    return n;
+}
+
+int CExanicUdpFunc::UdpRecv() {
+    const uint32_t n = _ReceiveFrame();
+    if (n == 0) {
+        return 0;
+    }
+    return _ParseMirp(m_recvBuf, n);
+}
+
+void CExanicUdpFunc::CachePacket() {
+    const uint32_t n = _ReceiveFrame();
+    if (n == 0) {
+        return;
+    }
+    CacheBufInfo& cache = m_cachedDecode;
+    if (cache.piOffset + static_cast<int32_t>(sizeof(CachedDecodeHdr) + kDecodedFrameMaxLen) > kCacheSize) {
+        QUVO_LOG(LOG_WARNING, "too many packet to cache, clear %d", cache.cachedCount);
+        cache.piOffset = 0;
+        cache.ciOffset = 0;
+        cache.cachedCount = 0;
+    }
+    QUVO_LOG(LOG_DEBUG_EX, "cache decode buffer offset: %d, count: %d", cache.piOffset, cache.cachedCount);
+    memcpy(cache.pCacheBuf + cache.piOffset, &n, sizeof(n));
+    cache.piOffset += static_cast<int32_t>(sizeof(CachedDecodeHdr));
+    memcpy(cache.pCacheBuf + cache.piOffset, m_recvBuf, n);
+    cache.piOffset += static_cast<int32_t>(n);
+    ++cache.cachedCount;
+}
+
+int CExanicUdpFunc::ProcessCached() {
+    CacheBufInfo& cache = m_cachedDecode;
+    if (cache.cachedCount < 1) {
+        QUVO_LOG(LOG_WARNING, "no cached packet to process");
+        return 0;
+    }
+    const int32_t offset = cache.ciOffset;
+    if (static_cast<int64_t>(offset) + 8 > kCacheSize || offset < 0) {
+        QUVO_LOG(LOG_ERROR, "ciOffset out of range: %d", offset);
+        ClearCache();
+        return -1;
+    }
+    uint32_t size;
+    memcpy(&size, cache.pCacheBuf + offset, sizeof(size));
+    QUVO_LOG(LOG_DEBUG_EX, "process decode buffer offset: %d, size: %u", offset, size);
+    if (static_cast<int64_t>(offset) + size + 8 > kCacheSize) {
+        QUVO_LOG(LOG_ERROR, "cached packet size out of range, offset: %d, size: %u", offset, size);
+        ClearCache();
+        return -1;
+    }
+    cache.ciOffset = offset + 8;
+    const int result = _ParseMirp(cache.pCacheBuf + offset + 8, size);
+    --cache.cachedCount;
+    cache.ciOffset += static_cast<int32_t>(size);
+    return result;
+}
+
+void CExanicUdpFunc::ClearCache() {
+    m_cachedDecode.piOffset = 0;
+    m_cachedDecode.ciOffset = 0;
+    m_cachedDecode.cachedCount = 0;
+    memset(m_cachedDecode.pCacheBuf, 0, kCacheSize);
+    QUVO_LOG(LOG_INFO, "decode buffer cleared");
+}
+
+void CExanicUdpFunc::PrefetchCalcInfo() {
+    visit_calc_info_lines(*m_pShareMem, m_refCalcInfo,
+                          [](const char* line) { __builtin_prefetch(line, 0, 1); });
+}
+
+int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
+    if (len < kDecodedRecordMinLen) {
+        QUVO_LOG(LOG_ERROR, "packet length too small: %u", len);
+        return -1;
+    }
+    DecodeHeader header;
+    MarketDataIncreField incre;
+    memcpy(&header, buf, sizeof(header));
+    memcpy(&incre, buf + sizeof(header), sizeof(incre));
+    QUVO_LOG(LOG_DEBUG_EX, "topicID: 0x%x, snapMillisec: %u, snapTime: %u, packetNo: %u", header.topicID,
+             header.snapMillisec, header.snapTime, static_cast<uint32_t>(header.packetNo));
+    QUVO_LOG(LOG_DEBUG_EX, "fieldID: 0x%x, instrumentNo: %u, changeNo: %u", incre.fieldID, incre.instrumentNo,
+             incre.changeNo);
+
+    // Configured ids are signed 16-bit: one above 0x7FFF never matches.
+    const int topic = header.topicID;
+    const ExanicMdConfigData& cfg = m_refConfigData;
+    uint32_t slot;
+    uint16_t exchangeType;
+    if (topic == cfg.shfe2ps_topic_id || topic == cfg.shfe4ps_topic_id) {
+        if (incre.instrumentNo > QUVO_SHFE_MAX_INST_CNT - 1) {
+            if (shfelogflag) {
+                QUVO_LOG(LOG_WARNING, "shfe InstNo [%d] is out of range [%d]",
+                         static_cast<int>(incre.instrumentNo), QUVO_SHFE_MAX_INST_CNT - 1);
+                shfelogflag = false;
+            }
+            return 0;
+        }
+        slot = quvo_shfe_slot(incre.instrumentNo);
+        m_refInstNo = slot;
+        m_pShareMem->shfe_pktno = header.packetNo;
+        exchangeType = 0;
+    } else if (topic == cfg.ine2ps_topic_id || topic == cfg.ine4ps_topic_id) {
+        if (incre.instrumentNo > QUVO_INE_MAX_INST_CNT - 1) {
+            if (inelogflag) {
+                QUVO_LOG(LOG_WARNING, "ine InstNo [%d] is out of range [%d]",
+                         static_cast<int>(incre.instrumentNo), QUVO_INE_MAX_INST_CNT - 1);
+                inelogflag = false;
+            }
+            return 0;
+        }
+        slot = quvo_ine_slot(incre.instrumentNo);
+        m_refInstNo = slot;
+        m_pShareMem->ine_pktno = header.packetNo;
+        exchangeType = 1;
+    } else {
+        QUVO_LOG(LOG_ERROR, "unsupported topicID: 0x%x", header.topicID);
+        return -1;
+    }
+
+    instrument& inst = m_pShareMem->instmts[slot];
+    // Book writes address the whole shared area, so a move past a slot's last
+    // array stays inside it (for slot 20479, in the counters after the table).
+    char* rec = reinterpret_cast<char*>(m_pShareMem) + slot * sizeof(instrument);
+    QUVO_LOG(LOG_DEBUG_EX, "snap instrumentID: %.*s, changeNo: %d", QUVO_ID(inst),
+             static_cast<int>(inst.change_no));
+
+    // Option instruments are recognised by an id longer than six characters.
+    if (inst.inst_id[0] == 0) {
+        QUVO_LOG(LOG_DEBUG_EX, "unsubscribed instrument");
+        if (inst.inst_id[6] != 0) {
+            QUVO_LOG(LOG_DEBUG_EX, "do not handle options, instrumentID: %.*s", QUVO_ID(inst));
+        }
+        return 0;
+    }
+    if (cfg.options == 0 && inst.inst_id[6] != 0) {
+        QUVO_LOG(LOG_DEBUG_EX, "do not handle options, instrumentID: %.*s", QUVO_ID(inst));
+        return 0;
+    }
+
+    inst.type = exchangeType;
+    reg_write(m_pRegisters, REG_HOST_TIMESTAMP, header.snapTime);
+    if (incre.fieldID != FID_MARKET_DATA_INCRE) {
+        return 1;
+    }
+
+    const uint32_t stored = inst.change_no;
+    if (incre.changeNo != stored + 1) {
+        if (incre.changeNo <= stored) {
+            return 0;  // already in the book
+        }
+        // Gap: the book can no longer be trusted, restart from a snapshot.
+        QUVO_LOG(LOG_ERROR,
+                 "discontinuous changeNo: %u, expected changeNo: %d, instrumentID: %.*s, instrumentNo: %d, "
+                 "instrumentNo: %d",
+                 incre.changeNo, static_cast<int>(stored + 1), QUVO_ID(inst),
+                 static_cast<int>(incre.instrumentNo), static_cast<int>(slot));
+        return -1;
+    }
+
+    alignas(instrument) char restore[sizeof(instrument)];
+    memcpy(restore, rec, sizeof(instrument));
+
+    inst.update_time = header.snapTime;
+    inst.update_milli_sec = header.snapMillisec;
+    inst.change_no = incre.changeNo;
+
+    const double tick = m_refCalcInfo.priceTick[slot];
+    const double codec = m_refCalcInfo.codecPrice[slot];
+    const double multi = static_cast<double>(m_refCalcInfo.volumeMulti[slot]);
+    uint8_t bidDepth = 5;
+    uint8_t askDepth = 5;
+
+    char* cursor = buf + kDecodedRecordMinLen;
+    uint32_t remaining = len - kDecodedRecordMinLen;
+    while (remaining > 2) {
+        uint16_t fieldId;
+        memcpy(&fieldId, cursor, sizeof(fieldId));
+        QUVO_LOG(LOG_DEBUG_EX, "fieldID: 0x%x", fieldId);
+        uint32_t size;
+        switch (fieldId) {
+            case FID_PRICE_CHANGE:
+                size = sizeof(PriceChangeField);
+                if (remaining >= size) {
+                    PriceChangeField field;
+                    memcpy(&field, cursor, size);
+                    _ApplyPriceChange(rec, field, tick, codec, bidDepth, askDepth);
+                }
+                break;
+            case FID_DEAL_SUMMARY:
+                size = sizeof(DealSummaryField);
+                if (remaining >= size) {
+                    DealSummaryField field;
+                    memcpy(&field, cursor, size);
+                    inst.last_px = static_cast<double>(field.lastPriceOffset) * tick + codec;
+                    inst.volume += static_cast<uint32_t>(field.volumeChange);
+                    inst.open_interest += static_cast<double>(field.openInterestChange);
+                    inst.turnover += (static_cast<double>(field.volumeChange) * codec +
+                                      static_cast<double>(field.turnoverOffset) * tick) *
+                                     multi;
+                }
+                break;
+            case FID_BUY_STATICS:
+                size = sizeof(BuyStaticsField);
+                if (remaining >= size) {
+                    BuyStaticsField field;
+                    memcpy(&field, cursor, size);
+                    inst.bid_totvol = WrappingAdd(inst.bid_totvol, field.bidVolumeChange);
+                    inst.bid_totamount += (static_cast<double>(field.bidVolumeChange) * codec +
+                                           static_cast<double>(field.bidAmountOffset) * tick) *
+                                          multi;
+                }
+                break;
+            case FID_SELL_STATICS:
+                size = sizeof(SellStaticsField);
+                if (remaining >= size) {
+                    SellStaticsField field;
+                    memcpy(&field, cursor, size);
+                    inst.ask_totvol = WrappingAdd(inst.ask_totvol, field.askVolumeChange);
+                    inst.ask_totamount += (static_cast<double>(field.askVolumeChange) * codec +
+                                           static_cast<double>(field.askAmountOffset) * tick) *
+                                          multi;
+                }
+                break;
+            case FID_HIGHEST_PRICE:
+                size = sizeof(HighestPriceField);
+                if (remaining >= size) {
+                    HighestPriceField field;
+                    memcpy(&field, cursor, size);
+                    inst.highest_price = static_cast<double>(field.highPriceOffset) * tick + codec;
+                }
+                break;
+            case FID_LOWEST_PRICE:
+                size = sizeof(LowestPriceField);
+                if (remaining >= size) {
+                    LowestPriceField field;
+                    memcpy(&field, cursor, size);
+                    inst.lowest_price = static_cast<double>(field.lowPriceOffset) * tick + codec;
+                }
+                break;
+            default:
+                size = UINT32_MAX;
+                break;
+        }
+        if (size > remaining) {
+            // Not a rejection: what was applied stays and the checks still run.
+            QUVO_LOG(LOG_ERROR, "abnormal process fieldID: 0x%x length: %u", fieldId, remaining);
+            break;
+        }
+        cursor += size;
+        remaining -= size;
+    }
+
+    if (ContainsTas(inst.inst_id)) {
+        return 1;
+    }
+
+    // Only the exchange's five published levels are checked; the report is
+    // deliberately at the most verbose level.
+    for (int i = 0; i < 4; ++i) {
+        const double hi = Px(rec, kBid, i);
+        const double lo = Px(rec, kBid, i + 1);
+        if (!IsEmptyLevel(hi, Vol(rec, kBid, i)) && !IsEmptyLevel(lo, Vol(rec, kBid, i + 1)) && lo >= hi) {
+            QUVO_LOG(LOG_DEBUG_EX, "bad mirp bid: bid[%d]=%.2f <= bid[%d]=%.2f, inst=%.*s, restore", i, hi,
+                     i + 1, lo, QUVO_ID(inst));
+            memcpy(rec, restore, sizeof(instrument));
+            return 0;
+        }
+    }
+    for (int i = 0; i < 4; ++i) {
+        const double lo = Px(rec, kAsk, i);
+        const double hi = Px(rec, kAsk, i + 1);
+        if (!IsEmptyLevel(lo, Vol(rec, kAsk, i)) && !IsEmptyLevel(hi, Vol(rec, kAsk, i + 1)) && lo >= hi) {
+            QUVO_LOG(LOG_DEBUG_EX, "bad mirp ask: ask[%d]=%.2f >= ask[%d]=%.2f, inst=%.*s, restore", i, lo,
+                     i + 1, hi, QUVO_ID(inst));
+            memcpy(rec, restore, sizeof(instrument));
+            return 0;
+        }
+    }
+    const double bid1 = Px(rec, kBid, 0);
+    const double ask1 = Px(rec, kAsk, 0);
+    if (!IsEmptyLevel(bid1, Vol(rec, kBid, 0)) && !IsEmptyLevel(ask1, Vol(rec, kAsk, 0)) && bid1 >= ask1) {
+        QUVO_LOG(LOG_DEBUG_EX, "bad mirp crossed: bid1=%.2f >= ask1=%.2f, inst=%.*s, restore", bid1, ask1,
+                 QUVO_ID(inst));
+        memcpy(rec, restore, sizeof(instrument));
+        return 0;
+    }
+    return 1;
+}
+
+void CExanicUdpFunc::_ApplyPriceChange(char* rec, const PriceChangeField& field, double tick, double codec,
+                                       uint8_t& bidDepth, uint8_t& askDepth) {
+    const instrument& inst = *reinterpret_cast<const instrument*>(rec);
+    const uint8_t level = field.priceLevel;
+    if (static_cast<uint8_t>(level - 1) > 9) {
+        QUVO_LOG(LOG_ERROR, "invalid priceLevel: %u, instrumentID: %.*s", level, QUVO_ID(inst));
+        return;
+    }
+    if (field.eventType < PRICE_EVENT_INSERT || field.eventType > PRICE_EVENT_DELETE) {
+        QUVO_LOG(LOG_ERROR, "unkonwn event type: %u", field.eventType);
+        return;
+    }
+    if (field.mdEntryType > MD_ENTRY_ASK) {
+        QUVO_LOG(LOG_ERROR, "unkonwn md entry type: %u", field.mdEntryType);
+        return;
+    }
+    const BookSide& side = field.mdEntryType == MD_ENTRY_BID ? kBid : kAsk;
+    uint8_t& depth = field.mdEntryType == MD_ENTRY_BID ? bidDepth : askDepth;
+    const double price = static_cast<double>(field.priceOffset) * tick + codec;
+    const int32_t vol = static_cast<int32_t>(field.volume);
+    const int i = level - 1;
+
+    switch (field.eventType) {
+        case PRICE_EVENT_INSERT: {
+            if (!IsEmptyLevel(Px(rec, side, i), Vol(rec, side, i)) && level <= depth) {
+                // The first move lands at index depth: past the tenth level at depth 10.
+                for (int j = depth; j >= level; --j) {
+                    SetLevel(rec, side, j, Px(rec, side, j - 1), Vol(rec, side, j - 1));
+                }
+            }
+            // An insert into an empty fifth level fills the published view
+            // without growing it.
+            const bool fillsEmptyFifth = level == 5 && IsEmptyLevel(Px(rec, side, 4), Vol(rec, side, 4));
+            SetLevel(rec, side, i, price, vol);
+            if (!fillsEmptyFifth && depth < 10) {
+                ++depth;
+            }
+            break;
+        }
+        case PRICE_EVENT_UPDATE:
+            SetLevel(rec, side, i, price, vol);
+            break;
+        case PRICE_EVENT_DELETE:
+            if (level < depth) {
+                for (int j = level; j <= depth - 1; ++j) {
+                    SetLevel(rec, side, j - 1, Px(rec, side, j), Vol(rec, side, j));
+                }
+            }
+            // The deepest level in use is cleared even when nothing moved.
+            if (depth > 0) {
+                --depth;
+                SetLevel(rec, side, depth, 0.0, 0);
+            }
+            break;
+    }
+}
