@@ -61,11 +61,17 @@ private:
 void quvo_log_message(CCommonLog& log, ELOGLEVEL level, const char* unit, int line, const char* function,
                       const char* format, ...) __attribute__((format(printf, 6, 7), cold, noinline));
 
-#define QUVO_LOG_TO(log, level, ...)                                                        \
+#define QUVO_LOG_TO_AS(log, function, level, ...)                                           \
     do {                                                                                    \
         CCommonLog& quvoLog_ = (log);                                                       \
         if (__builtin_expect((quvoLog_.GetLogLevel() & (level)) != 0, 0))                   \
-            quvo_log_message(quvoLog_, (level), __FILE__, __LINE__, __func__, __VA_ARGS__); \
+            quvo_log_message(quvoLog_, (level), __FILE__, __LINE__, function, __VA_ARGS__); \
     } while (0)
+
+#define QUVO_LOG_TO(log, level, ...) QUVO_LOG_TO_AS(log, __func__, level, __VA_ARGS__)
+
+// For a shared helper that logs on behalf of the function that called it.
+#define QUVO_LOG_AS(function, level, ...) \
+    QUVO_LOG_TO_AS(CCommonLog::GetInstance(), function, level, __VA_ARGS__)
 
 #define QUVO_LOG(level, ...) QUVO_LOG_TO(CCommonLog::GetInstance(), level, __VA_ARGS__)

@@ -57,6 +57,9 @@ inline bool ContainsTas(const unsigned char* id) {
     return false;
 }
 
+// The price-level helper reports as part of the record it applies.
+constexpr const char* kParseMirp = "_ParseMirp";
+
 // Identifiers are printed bounded: a slot's 16 bytes need not end in a NUL.
 #define QUVO_ID(inst) static_cast<int>(sizeof((inst).inst_id)), reinterpret_cast<const char*>((inst).inst_id)
 
@@ -81,22 +84,22 @@ int CExanicUdpFunc::InitUdp(volatile uint32_t* registers, CardRx* rx) {
     return 0;
 }
 
-uint32_t CExanicUdpFunc::_ReceiveFrame() {
+uint32_t CExanicUdpFunc::_ReceiveFrame(const char* caller) {
     // An error result is taken as a huge length and dropped with the rest.
     const uint32_t n = static_cast<uint32_t>(card_receive_frame(m_pRxBuffer, m_recvBuf, sizeof(m_recvBuf)));
     if (n == 0) {
         return 0;
     }
     if (n < kDecodedRecordMinLen || n > kDecodedFrameMaxLen) {
-        QUVO_LOG(LOG_DEBUG, "receive abnormal decode length: %u", n);
+        QUVO_LOG_AS(caller, LOG_DEBUG, "receive abnormal decode length: %u", n);
         return 0;
     }
-    QUVO_LOG(LOG_DEBUG_EX, "receive decode length: %u", n);
+    QUVO_LOG_AS(caller, LOG_DEBUG_EX, "receive decode length: %u", n);
     return n;
 }
 
 int CExanicUdpFunc::UdpRecv() {
-    const uint32_t n = _ReceiveFrame();
+    const uint32_t n = _ReceiveFrame(__func__);
     if (n == 0) {
         return 0;
     }
@@ -104,7 +107,7 @@ int CExanicUdpFunc::UdpRecv() {
 }
 
 void CExanicUdpFunc::CachePacket() {
-    const uint32_t n = _ReceiveFrame();
+    const uint32_t n = _ReceiveFrame(__func__);
     if (n == 0) {
         return;
     }
@@ -388,15 +391,16 @@ void CExanicUdpFunc::_ApplyPriceChange(char* rec, const PriceChangeField& field,
     const instrument& inst = *reinterpret_cast<const instrument*>(rec);
     const uint8_t level = field.priceLevel;
     if (static_cast<uint8_t>(level - 1) > 9) {
-        QUVO_LOG(LOG_ERROR, "invalid priceLevel: %u, instrumentID: %.*s", level, QUVO_ID(inst));
+        QUVO_LOG_AS(kParseMirp, LOG_ERROR, "invalid priceLevel: %u, instrumentID: %.*s", level,
+                    QUVO_ID(inst));
         return;
     }
     if (field.eventType < PRICE_EVENT_INSERT || field.eventType > PRICE_EVENT_DELETE) {
-        QUVO_LOG(LOG_ERROR, "unkonwn event type: %u", field.eventType);
+        QUVO_LOG_AS(kParseMirp, LOG_ERROR, "unkonwn event type: %u", field.eventType);
         return;
     }
     if (field.mdEntryType > MD_ENTRY_ASK) {
-        QUVO_LOG(LOG_ERROR, "unkonwn md entry type: %u", field.mdEntryType);
+        QUVO_LOG_AS(kParseMirp, LOG_ERROR, "unkonwn md entry type: %u", field.mdEntryType);
         return;
     }
     const BookSide& side = field.mdEntryType == MD_ENTRY_BID ? kBid : kAsk;

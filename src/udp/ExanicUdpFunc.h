@@ -52,7 +52,8 @@ public:
 
 private:
     // Reads one frame into m_recvBuf: its length if well sized, else 0.
-    uint32_t _ReceiveFrame();
+    // Logs under the caller's name.
+    uint32_t _ReceiveFrame(const char* caller);
     void _ApplyPriceChange(char* record, const PriceChangeField& field, double tick, double codec,
                            uint8_t& bidDepth, uint8_t& askDepth);
 

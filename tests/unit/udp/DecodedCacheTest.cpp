@@ -1,0 +1,213 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "public/log/CommonLog.h"
+#include "sim/DecodedRecordBuilder.h"
+#include "sim/PcapWriter.h"
+#include "tests/support/LogLines.h"
+#include "tests/support/StdoutCapture.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/UdpHarness.h"
+
+namespace {
+
+constexpr int32_t kCacheSize = CExanicUdpFunc::kCacheSize;
+
+// The incremental path reading decoded frames from a replayed capture.
+class DecodedCacheTest : public ::testing::Test {
+protected:
+    DecodedCacheTest() {
+        CCommonLog::GetInstance().SetLogLevel(static_cast<ELOGLEVEL>(31));
+        h.cache.pCacheBuf = static_cast<char*>(calloc(1, kCacheSize));
+        h.AddInstrument(7, "cu2501", 0.5, 1000.0, 10, 0);
+    }
+
+    ~DecodedCacheTest() override {
+        if (m_rx != nullptr) {
+            card_release_rx_buffer(m_rx);
+            card_release_handle(m_handle);
+        }
+        free(h.cache.pCacheBuf);
+    }
+
+    void Replay(const std::vector<std::vector<char>>& frames) {
+        const std::string path = m_dir.Path() + "/decoded.pcap";
+        {
+            CPcapWriter writer(path, 1, true);
+            for (const std::vector<char>& frame : frames) {
+                writer.Write(frame.data(), static_cast<uint32_t>(frame.size()), 0);
+            }
+        }
+        const std::string device = "replay:decoded=" + path;
+        m_handle = card_acquire_handle(device.c_str());
+        ASSERT_NE(m_handle, nullptr) << card_get_last_error();
+        volatile uint32_t* registers = card_get_devkit_registers(m_handle);
+        reg_write(registers, REG_DECODE_DATA, 1);
+        m_rx = card_acquire_rx_buffer(m_handle, 0, 0);
+        h.udp.InitUdp(h.registers.data(), m_rx);
+    }
+
+    static std::vector<char> Record(uint32_t changeNo) {
+        return CDecodedRecordBuilder(CUdpHarness::kShfeTopic, 7, changeNo).Build();
+    }
+
+    template <typename Call>
+    std::string Capture(Call call) {
+        CStdoutCapture capture;
+        call();
+        return capture.Stop();
+    }
+
+    uint32_t EntrySize(int32_t offset) const {
+        uint32_t size;
+        memcpy(&size, h.cache.pCacheBuf + offset, sizeof(size));
+        return size;
+    }
+
+    CUdpHarness h;
+    CTempDir m_dir;
+    CardHandle* m_handle = nullptr;
+    CardRx* m_rx = nullptr;
+};
+
+TEST_F(DecodedCacheTest, TwentyFourByteFrameIsCachedAsAThirtyTwoByteEntry) {
+    const std::vector<char> frame = Record(1);
+    ASSERT_EQ(frame.size(), 24u);
+    Replay({frame});
+    memset(h.cache.pCacheBuf, 0x5A, 64);  // what the entry's reserved word held before
+    h.udp.CachePacket();
+    EXPECT_EQ(h.cache.piOffset, 32);
+    EXPECT_EQ(h.cache.cachedCount, 1);
+    EXPECT_EQ(h.cache.ciOffset, 0);
+    EXPECT_EQ(EntrySize(0), 24u);
+    uint32_t packetNo;
+    memcpy(&packetNo, h.cache.pCacheBuf + 4, sizeof(packetNo));
+    EXPECT_EQ(packetNo, 0x5A5A5A5Au);
+    EXPECT_EQ(memcmp(h.cache.pCacheBuf + 8, frame.data(), frame.size()), 0);
+}
+
+TEST_F(DecodedCacheTest, FrameIsStillAppendedWhenAMaximalEntryJustFits) {
+    Replay({Record(1)});
+    h.cache.piOffset = kCacheSize - 2056;
+    h.cache.cachedCount = 3;
+    h.udp.CachePacket();
+    EXPECT_EQ(h.cache.piOffset, kCacheSize - 2056 + 32);
+    EXPECT_EQ(h.cache.cachedCount, 4);
+    EXPECT_EQ(EntrySize(kCacheSize - 2056), 24u);
+}
+
+TEST_F(DecodedCacheTest, OneByteLessRoomAbandonsTheCacheFirst) {
+    Replay({Record(1)});
+    h.cache.piOffset = kCacheSize - 2055;
+    h.cache.ciOffset = 4000;
+    h.cache.cachedCount = 3;
+    const std::string out = Capture([&] { h.udp.CachePacket(); });
+    EXPECT_EQ(log_messages(out, "[W]", "CachePacket"),
+              std::vector<std::string>{"too many packet to cache, clear 3"});
+    EXPECT_EQ(h.cache.piOffset, 32);
+    EXPECT_EQ(h.cache.ciOffset, 0);
+    EXPECT_EQ(h.cache.cachedCount, 1);
+    EXPECT_EQ(EntrySize(0), 24u);
+}
+
+TEST_F(DecodedCacheTest, CachedFramesReplayInArrivalOrder) {
+    Replay({Record(1), Record(2), Record(3)});
+    for (int i = 0; i < 3; ++i) {
+        h.udp.CachePacket();
+    }
+    ASSERT_EQ(h.cache.cachedCount, 3);
+    // Out of order, the second replayed record would be a gap (-1).
+    for (uint32_t changeNo = 1; changeNo <= 3; ++changeNo) {
+        EXPECT_EQ(h.udp.ProcessCached(), 1);
+        EXPECT_EQ(h.area->instmts[7].change_no, changeNo);
+    }
+    EXPECT_EQ(h.cache.cachedCount, 0);
+    EXPECT_EQ(h.cache.ciOffset, 96);
+    EXPECT_EQ(h.cache.piOffset, 96);
+}
+
+TEST_F(DecodedCacheTest, ReplayingAnEmptyCacheWarnsAndReturnsZero) {
+    const std::string out = Capture([&] { EXPECT_EQ(h.udp.ProcessCached(), 0); });
+    EXPECT_EQ(log_messages(out, "[W]", "ProcessCached"),
+              std::vector<std::string>{"no cached packet to process"});
+}
+
+TEST_F(DecodedCacheTest, EntryRunningPastTheAreaClearsItAll) {
+    h.cache.ciOffset = kCacheSize - 100;
+    h.cache.cachedCount = 1;
+    const uint32_t size = 93;  // 100 - 8 would fit; 93 runs one byte over
+    memcpy(h.cache.pCacheBuf + h.cache.ciOffset, &size, sizeof(size));
+    h.cache.pCacheBuf[12345] = 7;
+    int result = 0;
+    const std::string out = Capture([&] { result = h.udp.ProcessCached(); });
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(log_messages(out, "[E]", "ProcessCached"),
+              std::vector<std::string>{"cached packet size out of range, offset: " +
+                                       std::to_string(kCacheSize - 100) + ", size: 93"});
+    EXPECT_EQ(log_messages(out, "[I]", "ClearCache"), std::vector<std::string>{"decode buffer cleared"});
+    EXPECT_EQ(h.cache.cachedCount, 0);
+    EXPECT_EQ(h.cache.ciOffset, 0);
+    EXPECT_EQ(h.cache.piOffset, 0);
+    EXPECT_EQ(h.cache.pCacheBuf[12345], 0);
+    EXPECT_EQ(EntrySize(kCacheSize - 100), 0u);
+}
+
+TEST_F(DecodedCacheTest, ConsumeOffsetPastTheAreaClearsItAll) {
+    h.cache.ciOffset = kCacheSize - 7;
+    h.cache.cachedCount = 2;
+    int result = 0;
+    const std::string out = Capture([&] { result = h.udp.ProcessCached(); });
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(log_messages(out, "[E]", "ProcessCached"),
+              std::vector<std::string>{"ciOffset out of range: " + std::to_string(kCacheSize - 7)});
+    EXPECT_EQ(h.cache.cachedCount, 0);
+}
+
+TEST_F(DecodedCacheTest, ClearCacheEmptiesTheDescriptorAndTheArea) {
+    Replay({Record(1)});
+    h.udp.CachePacket();
+    const std::string out = Capture([&] { h.udp.ClearCache(); });
+    EXPECT_EQ(log_messages(out, "[I]", "ClearCache"), std::vector<std::string>{"decode buffer cleared"});
+    EXPECT_EQ(h.cache.piOffset, 0);
+    EXPECT_EQ(h.cache.cachedCount, 0);
+    EXPECT_EQ(EntrySize(0), 0u);
+}
+
+TEST_F(DecodedCacheTest, ReceiveErrorIsLoggedAsAHugeLengthAndIgnored) {
+    Replay({std::vector<char>(3000, 'x')});  // longer than the 2048-byte buffer
+    int result = 1;
+    const std::string out = Capture([&] { result = h.udp.UdpRecv(); });
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(log_messages(out, "[D]", "UdpRecv"),
+              std::vector<std::string>{"receive abnormal decode length: " +
+                                       std::to_string(static_cast<uint32_t>(CARD_RX_FRAME_TRUNCATED))});
+}
+
+TEST_F(DecodedCacheTest, ShortFramesAreDroppedAndNotCached) {
+    Replay({std::vector<char>(23, 'x')});
+    const std::string out = Capture([&] { h.udp.CachePacket(); });
+    EXPECT_EQ(h.cache.cachedCount, 0);
+    EXPECT_EQ(log_messages(out, "[D]", "CachePacket"),
+              std::vector<std::string>{"receive abnormal decode length: 23"});
+}
+
+TEST_F(DecodedCacheTest, NoFrameIsNotAnEvent) {
+    Replay({});
+    const std::string out = Capture([&] {
+        EXPECT_EQ(h.udp.UdpRecv(), 0);
+        h.udp.CachePacket();
+    });
+    EXPECT_TRUE(out.empty());
+    EXPECT_EQ(h.cache.cachedCount, 0);
+}
+
+TEST_F(DecodedCacheTest, LiveFrameIsParsed) {
+    Replay({Record(1)});
+    const std::string out = Capture([&] { EXPECT_EQ(h.udp.UdpRecv(), 1); });
+    EXPECT_EQ(h.area->instmts[7].change_no, 1u);
+    EXPECT_EQ(log_messages(out, "[X]", "UdpRecv").front(), "receive decode length: 24");
+}
+
+}  // namespace
