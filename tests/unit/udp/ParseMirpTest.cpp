@@ -324,10 +324,20 @@ TEST_F(ParseMirpTest, SixthAskInsertWritesIntoTheNextSlot) {
     for (int k = 1; k <= 6; ++k) {
         record.Insert(kAsk, 1, 100 - k, 1);
     }
-    Parse(record);
+    EXPECT_EQ(Parse(record), 1);
     double spilled;
     memcpy(&spilled, next.inst_id, sizeof(spilled));
     EXPECT_EQ(spilled, 604.0);
+    // ask_vol[10] lands on the low half of ask_px[0], which the shift then
+    // carries to level 2: 595.0 with its low word replaced by level 10's volume.
+    uint32_t words[2];
+    memcpy(words, &inst.ask_px[1], sizeof(words));
+    const double expectedPrice = 595.0;
+    uint32_t expectedWords[2];
+    memcpy(expectedWords, &expectedPrice, sizeof(expectedWords));
+    EXPECT_EQ(words[0], 1u);
+    EXPECT_EQ(words[1], expectedWords[1]);
+    EXPECT_EQ(inst.ask_px[0], 594.0);
 }
 
 TEST_F(ParseMirpTest, TrailingOneOrTwoBytesAreIgnoredSilently) {
