@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "public/log/CommonLog.h"
 #include "sim/DecodedRecordBuilder.h"
@@ -10,6 +12,24 @@
 #include "tests/support/StdoutCapture.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/UdpHarness.h"
+
+// Counts every C++ allocation in this test program, to show the receive path
+// makes none.
+static std::atomic<long> g_allocations{0};
+
+void* operator new(size_t size) {
+    g_allocations.fetch_add(1, std::memory_order_relaxed);
+    if (void* p = malloc(size == 0 ? 1 : size)) {
+        return p;
+    }
+    throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept {
+    free(p);
+}
+void operator delete(void* p, size_t) noexcept {
+    free(p);
+}
 
 namespace {
 
@@ -208,6 +228,34 @@ TEST_F(DecodedCacheTest, LiveFrameIsParsed) {
     const std::string out = Capture([&] { EXPECT_EQ(h.udp.UdpRecv(), 1); });
     EXPECT_EQ(h.area->instmts[7].change_no, 1u);
     EXPECT_EQ(log_messages(out, "[X]", "UdpRecv").front(), "receive decode length: 24");
+}
+
+TEST_F(DecodedCacheTest, ReceiveCacheReplayAndParseAllocateAndPrintNothing) {
+    std::vector<std::vector<char>> frames;
+    for (uint32_t changeNo = 1; changeNo <= 200; ++changeNo) {
+        CDecodedRecordBuilder record(CUdpHarness::kShfeTopic, 7, changeNo);
+        record.Update(MD_ENTRY_BID, 1, 0, changeNo).Deal(1, 1, 1, 1).BuyStatics(1, 1);
+        frames.push_back(record.Build());
+    }
+    Replay(frames);
+    CCommonLog::GetInstance().SetLogLevel(static_cast<ELOGLEVEL>(LOG_ERROR | LOG_WARNING | LOG_INFO));
+    CStdoutCapture capture;
+    const long before = g_allocations.load();
+    for (int i = 0; i < 100; ++i) {
+        h.udp.CachePacket();
+    }
+    int applied = 0;
+    while (h.cache.cachedCount > 0) {
+        applied += h.udp.ProcessCached();
+    }
+    for (int i = 0; i < 100; ++i) {
+        applied += h.udp.UdpRecv();
+    }
+    const long after = g_allocations.load();
+    EXPECT_EQ(capture.Stop(), "");
+    EXPECT_EQ(after - before, 0);
+    EXPECT_EQ(applied, 200);
+    EXPECT_EQ(h.area->instmts[7].change_no, 200u);
 }
 
 }  // namespace
