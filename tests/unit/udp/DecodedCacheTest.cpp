@@ -1,35 +1,16 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 
 #include "public/log/CommonLog.h"
 #include "sim/DecodedRecordBuilder.h"
 #include "sim/PcapWriter.h"
+#include "tests/support/AllocationCounter.h"
 #include "tests/support/LogLines.h"
 #include "tests/support/StdoutCapture.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/UdpHarness.h"
-
-// Counts every C++ allocation in this test program, to show the receive path
-// makes none.
-static std::atomic<long> g_allocations{0};
-
-void* operator new(size_t size) {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* p = malloc(size == 0 ? 1 : size)) {
-        return p;
-    }
-    throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept {
-    free(p);
-}
-void operator delete(void* p, size_t) noexcept {
-    free(p);
-}
 
 namespace {
 
@@ -240,7 +221,7 @@ TEST_F(DecodedCacheTest, ReceiveCacheReplayAndParseAllocateAndPrintNothing) {
     Replay(frames);
     CCommonLog::GetInstance().SetLogLevel(static_cast<ELOGLEVEL>(LOG_ERROR | LOG_WARNING | LOG_INFO));
     CStdoutCapture capture;
-    const long before = g_allocations.load();
+    const long before = allocation_count();
     for (int i = 0; i < 100; ++i) {
         h.udp.CachePacket();
     }
@@ -251,7 +232,7 @@ TEST_F(DecodedCacheTest, ReceiveCacheReplayAndParseAllocateAndPrintNothing) {
     for (int i = 0; i < 100; ++i) {
         applied += h.udp.UdpRecv();
     }
-    const long after = g_allocations.load();
+    const long after = allocation_count();
     EXPECT_EQ(capture.Stop(), "");
     EXPECT_EQ(after - before, 0);
     EXPECT_EQ(applied, 200);
