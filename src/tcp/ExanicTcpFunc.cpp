@@ -1,0 +1,471 @@
+#include "src/tcp/ExanicTcpFunc.h"
+
+#include <arpa/inet.h>
+#include <time.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "public/log/CommonLog.h"
+
+namespace {
+
+constexpr unsigned int kEthernetHeader = 14;
+constexpr uint8_t kTcpFlagRst = 0x04;
+constexpr uint8_t kTcpFlagAck = 0x10;
+
+inline uint16_t Load16(const char* p) {
+    uint16_t v;
+    memcpy(&v, p, sizeof(v));
+    return v;
+}
+
+inline uint32_t Load32(const char* p) {
+    uint32_t v;
+    memcpy(&v, p, sizeof(v));
+    return v;
+}
+
+inline MdqpHeader LoadHeader(const char* p) {
+    MdqpHeader h;
+    memcpy(&h, p, sizeof(h));
+    return h;
+}
+
+// A message start: a snapshot message header (last or not).
+inline bool IsMdqpHeader(const MdqpHeader& h) {
+    return (h.flag & 0xEF) == 1 && h.type_id == kMdqpSnapshotType;
+}
+
+// TCP sequence number of a held frame.
+inline uint32_t FrameSeq(const char* frame) {
+    const char* ip = frame + kEthernetHeader;
+    const int hl = (static_cast<uint8_t>(ip[0]) & 0x0F) * 4;
+    return ntohl(Load32(ip + hl + 4));
+}
+
+}  // namespace
+
+int64_t CExanicTcpFunc::RealtimeSeconds() {
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<int32_t>(now.tv_sec);
+}
+
+CExanicTcpFunc::CExanicTcpFunc(const ExanicMdConfigData& configData, share* shareMem,
+                               UEnableMask& enabledMask, UEnableMask& finishedMask, PriceCalcInfo& calcInfo,
+                               ClockFunc clock)
+    : m_refConfigData(configData),
+      m_pRegisters(nullptr),
+      m_pRxBuffer(nullptr),
+      m_pShareMem(shareMem),
+      m_refEnabledMask(enabledMask),
+      m_refFinishedMask(finishedMask),
+      m_refCalcInfo(calcInfo),
+      m_clock(clock),
+      m_initialized(0),
+      m_runningFlag(true),
+      shfe_cnt_80_flag(true),
+      ine_cnt_80_flag(true),
+      shfe_cnt_flag(true),
+      ine_cnt_flag(true),
+      m_recvBuf(),
+      m_checksumBuf(),
+      m_sessions(),
+      inter_infos() {
+    for (TcpSession& s : m_sessions) {
+        s.em_dqp_data_type = MDQP_DATA_TYPE_UNKNOW;
+    }
+}
+
+CExanicTcpFunc::~CExanicTcpFunc() {
+    for (TcpSession& s : m_sessions) {
+        ResetSession(s);
+    }
+}
+
+int CExanicTcpFunc::InitTcp(volatile uint32_t* registers, CardRx* rxBuffer) {
+    m_pRegisters = registers;
+    m_pRxBuffer = rxBuffer;
+    return 0;
+}
+
+void CExanicTcpFunc::StartRunning() {
+    m_initialized.store(0);
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    m_runningFlag.store(true);
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+}
+
+void CExanicTcpFunc::StopRunning() {
+    m_runningFlag.store(false);
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+}
+
+bool CExanicTcpFunc::_AllFinished() const {
+    return mask_load(m_refEnabledMask) == mask_load(m_refFinishedMask);
+}
+
+void CExanicTcpFunc::ResetSession(TcpSession& s) {
+    s.frag_flag = 0;
+    s.lost_flag = 0;
+    s.init = 0;
+    s.frag_buf_offset = 0;
+    free(s.frag_buf);
+    s.frag_buf = nullptr;
+    for (TcpLostBuf* node = s.lost_buf_head; node != nullptr;) {
+        TcpLostBuf* next = node->next;
+        free(node);
+        node = next;
+    }
+    s.lost_buf_head = nullptr;
+    s.lost_buf_size = 0;
+    s.em_dqp_data_type = MDQP_DATA_TYPE_UNKNOW;
+}
+
+void CExanicTcpFunc::_Cleandata() {
+    memset(static_cast<void*>(m_pShareMem), 0, sizeof(share));
+    for (TcpSession& s : m_sessions) {
+        ResetSession(s);
+    }
+    mask_store(m_refFinishedMask, 0);
+    memset(inter_infos, 0, sizeof(inter_infos));
+    memset(static_cast<void*>(&m_refCalcInfo), 0, sizeof(PriceCalcInfo));
+    shfe_cnt_80_flag = false;
+    ine_cnt_80_flag = false;
+    shfe_cnt_flag = false;
+    ine_cnt_flag = false;
+}
+
+bool CExanicTcpFunc::_ChecksumOk(const char* ip, int hl, int seglen) {
+    // Pseudo-header, then the segment with its checksum field taken as zero.
+    char* scratch = m_checksumBuf;
+    memcpy(scratch, ip + 12, 8);
+    scratch[8] = 0;
+    scratch[9] = 6;
+    const uint16_t netLen = htons(static_cast<uint16_t>(seglen));
+    memcpy(scratch + 10, &netLen, 2);
+    memcpy(scratch + 12, ip + hl, static_cast<size_t>(seglen));
+    const uint16_t received = Load16(scratch + 12 + 16);
+    scratch[12 + 16] = 0;
+    scratch[12 + 17] = 0;
+    int total = 12 + seglen;
+    if (total & 1) {
+        scratch[total++] = 0;
+    }
+    uint32_t sum = 0;
+    for (int i = 0; i < total; i += 2) {
+        sum += static_cast<uint32_t>(static_cast<uint8_t>(scratch[i]) << 8 |
+                                     static_cast<uint8_t>(scratch[i + 1]));
+    }
+    while (sum >> 16) {
+        sum = (sum & 0xFFFF) + (sum >> 16);
+    }
+    return static_cast<uint16_t>(~sum) == ntohs(received);
+}
+
+void CExanicTcpFunc::_InitTcpSession(TcpSession& s, uint32_t srcHost, uint32_t dstHost, uint16_t srcPort,
+                                     uint16_t port) {
+    if (s.frag_buf == nullptr) {
+        s.frag_buf = static_cast<char*>(malloc(kFragBufSize));
+        if (s.frag_buf == nullptr) {
+            QUVO_LOG(LOG_ERROR, "failed to allocate memcory for fragment memory.");
+            exit(-1);
+        }
+    }
+    memset(s.frag_buf, 0, kFragBufSize);
+    s.lost_buf_size = 0;
+    s.frag_buf_offset = 0;
+    s.dst_host = dstHost;
+    s.src_host = srcHost;
+    s.dst_port = port;
+    s.src_port = srcPort;
+}
+
+bool CExanicTcpFunc::_StartSession(TcpSession& s, const char* data, int32_t payload, uint32_t seq,
+                                   uint16_t port) {
+    s.current_seq = seq;
+    s.next_expt_seq = seq + static_cast<uint32_t>(payload);
+    // The walk runs over the whole payload, past the first message if need be.
+    const int32_t limit = payload / 4 + 1;
+    int32_t iter = 0;
+    for (int32_t pos = static_cast<int32_t>(sizeof(MdqpHeader)); pos < payload;) {
+        FieldHeader field;
+        memcpy(&field, data + pos, sizeof(field));
+        ++iter;
+        if (iter > limit || field.field_size == 0) {
+            QUVO_LOG(LOG_WARNING, "invalid field data, break field iteration, iter=%d payloadSize=%d", iter,
+                     payload);
+            s.init = 0;
+            s.em_dqp_data_type = MDQP_DATA_TYPE_UNKNOW;
+            return false;
+        }
+        if (field.field_id == MDQP_FID_SNAP && field.field_size == sizeof(SnapField)) {
+            SnapField snap;
+            memcpy(&snap, data + pos + sizeof(field), sizeof(snap));
+            QUVO_LOG(LOG_DEBUG_EX, "topic ID: %d, snap No: %d, TCP dst port: %d", snap.topic_id, snap.snap_no,
+                     port);
+            const uint8_t enabled = mask_load(m_refEnabledMask);
+            const uint8_t finished = mask_load(m_refFinishedMask);
+            const auto open = [&](uint8_t bit) { return (enabled & bit) != 0 && (finished & bit) == 0; };
+            const ExanicMdConfigData& cfg = m_refConfigData;
+            EMdqpDataType type = MDQP_DATA_TYPE_UNKNOW;
+            if (snap.topic_id == cfg.ine2ps_topic_id && open(ENABLE_INE2PS)) {
+                type = INE_2PS;
+            } else if (snap.topic_id == cfg.shfe2ps_topic_id && open(ENABLE_SHFE2PS)) {
+                type = SHFE_2PS;
+            } else if (snap.topic_id == cfg.shfe4ps_topic_id && open(ENABLE_SHFE4PS)) {
+                type = SHFE_4PS;
+            } else if (snap.topic_id == cfg.ine4ps_topic_id && open(ENABLE_INE4PS)) {
+                type = INE_4PS;
+            }
+            s.em_dqp_data_type = type;
+            s.init = type == MDQP_DATA_TYPE_UNKNOW ? 0 : 1;
+            return s.init == 1;
+        }
+        pos += field.field_size + static_cast<int32_t>(sizeof(field));
+    }
+    return false;
+}
+
+bool CExanicTcpFunc::_CutMessages(TcpSession& s, const char* data, int32_t n, uint16_t port) {
+    MdqpHeader header = LoadHeader(data);
+    if (!IsMdqpHeader(header)) {
+        return false;
+    }
+    int32_t size = header.length + static_cast<int32_t>(sizeof(MdqpHeader));
+    int32_t pos = 0;
+    while (size <= n - pos) {
+        _ParseMdqp(reinterpret_cast<MdqpHeader*>(const_cast<char*>(data + pos)), port);
+        pos += size;
+        const int32_t rest = n - pos;
+        if (rest == 0) {
+            s.frag_flag = 0;
+            s.frag_buf_offset = 0;
+            return true;
+        }
+        if (rest < static_cast<int32_t>(sizeof(MdqpHeader))) {
+            break;
+        }
+        header = LoadHeader(data + pos);
+        size = header.length + static_cast<int32_t>(sizeof(MdqpHeader));
+    }
+    // A trailing part of a message waits in the fragment buffer.
+    memmove(s.frag_buf, data + pos, static_cast<size_t>(n - pos));
+    s.frag_buf_offset = n - pos;
+    s.frag_flag = 1;
+    return true;
+}
+
+bool CExanicTcpFunc::_AppendFragment(TcpSession& s, const char* data, int32_t n, uint16_t port,
+                                     bool logNotMdqp) {
+    if (s.frag_buf_offset + n > kFragLimit) {
+        QUVO_LOG(LOG_WARNING, "ignore tcp message!");
+        _Cleandata();
+        return false;
+    }
+    memcpy(s.frag_buf + s.frag_buf_offset, data, static_cast<size_t>(n));
+    s.frag_buf_offset += n;
+    if (!_CutMessages(s, s.frag_buf, s.frag_buf_offset, port)) {
+        if (logNotMdqp) {
+            QUVO_LOG(LOG_ERROR, "not a mdqp header, check program logic");
+        }
+        return false;
+    }
+    return true;
+}
+
+void CExanicTcpFunc::_HoldFrame(TcpSession& s, const char* frame, unsigned int len, uint32_t seq) {
+    if (s.lost_flag == 1 && s.lost_buf_size >= kMaxHeldFrames) {
+        QUVO_LOG(LOG_ERROR, "break tcp seq detected. expt: %u, got: %u", s.next_expt_seq, seq);
+        _Cleandata();
+        return;
+    }
+    TcpLostBuf* node = static_cast<TcpLostBuf*>(malloc(sizeof(TcpLostBuf)));
+    if (node == nullptr) {
+        QUVO_LOG(LOG_ERROR, "failed to malloc buffer to store tcp lost frame");
+        return;
+    }
+    memset(static_cast<void*>(node), 0, sizeof(TcpLostBuf));
+    // Anything past 2048 bytes can only be padding beyond the segment.
+    const unsigned int kept = len < sizeof(node->buf) ? len : sizeof(node->buf);
+    memcpy(node->buf, frame, kept);
+    node->len = kept;
+    if (s.lost_flag != 1) {
+        s.lost_buf_head = node;
+        s.lost_flag = 1;
+        ++s.lost_buf_size;
+        return;
+    }
+    // held: ascending by sequence number; a duplicate of a held frame is dropped
+    for (TcpLostBuf* cur = s.lost_buf_head; cur != nullptr && s.lost_buf_size < kMaxHeldFrames;
+         cur = cur->next) {
+        const uint32_t curSeq = FrameSeq(cur->buf);
+        if (seq < curSeq) {
+            node->next = cur;
+            node->before = cur->before;
+            if (cur->before != nullptr) {
+                cur->before->next = node;
+            } else {
+                s.lost_buf_head = node;
+            }
+            cur->before = node;
+            ++s.lost_buf_size;
+            return;
+        }
+        if (seq == curSeq) {
+            break;
+        }
+        if (cur->next == nullptr || seq <= FrameSeq(cur->next->buf)) {
+            node->before = cur;
+            node->next = cur->next;
+            if (cur->next != nullptr) {
+                cur->next->before = node;
+            }
+            cur->next = node;
+            ++s.lost_buf_size;
+            return;
+        }
+    }
+    free(node);
+}
+
+void CExanicTcpFunc::_ReleaseHead(TcpSession& s) {
+    TcpLostBuf* head = s.lost_buf_head;
+    s.lost_buf_head = head->next;
+    free(head);
+    if (s.lost_buf_head == nullptr) {
+        s.lost_flag = 0;
+        s.lost_buf_size = 0;
+    } else {
+        s.lost_buf_head->before = nullptr;
+        --s.lost_buf_size;
+    }
+}
+
+void CExanicTcpFunc::_DrainHeld(TcpSession& s, uint16_t port) {
+    while (s.lost_flag == 1 && s.lost_buf_head != nullptr) {
+        TcpLostBuf* node = s.lost_buf_head;
+        const uint32_t seq = FrameSeq(node->buf);
+        if (seq > s.next_expt_seq) {
+            return;
+        }
+        if (seq == s.next_expt_seq) {
+            const char* ip = node->buf + kEthernetHeader;
+            const int hl = (static_cast<uint8_t>(ip[0]) & 0x0F) * 4;
+            const int th = (static_cast<uint8_t>(ip[hl + 12]) >> 4) * 4;
+            const int32_t payload = ntohs(Load16(ip + 2)) - hl - th;
+            const char* data = ip + hl + th;
+            s.next_expt_seq += static_cast<uint32_t>(payload);
+            if (s.frag_flag == 1) {
+                if (!_AppendFragment(s, data, payload, port, true)) {
+                    return;
+                }
+            } else if (!_CutMessages(s, data, payload, port)) {
+                QUVO_LOG(LOG_ERROR, "not a mdqp header, check program logic");
+                return;
+            }
+        }
+        _ReleaseHead(s);
+    }
+}
+
+void CExanicTcpFunc::_PacketHandler(char* frame, unsigned int len) {
+    if (len < 34) {
+        QUVO_LOG(LOG_DEBUG_EX, "packet too short for IP, packetLen=%u", len);
+        return;
+    }
+    const char* ip = frame + kEthernetHeader;
+    const int hl = (static_cast<uint8_t>(ip[0]) & 0x0F) * 4;
+    if (hl < 20 || hl > 60 || len < static_cast<unsigned int>(hl) + kEthernetHeader) {
+        QUVO_LOG(LOG_DEBUG_EX, "invalid IP header, ip_hdr_len=%d packetLen=%u", hl, len);
+        return;
+    }
+    const int protocol = static_cast<uint8_t>(ip[9]);
+    if (protocol != 6) {
+        if (protocol != 1 && protocol != 2 && protocol != 17) {
+            QUVO_LOG(LOG_DEBUG_EX, "ip_p [%d]", protocol);
+        }
+        return;
+    }
+    if (len < static_cast<unsigned int>(hl) + 34) {
+        QUVO_LOG(LOG_DEBUG_EX, "packet too short for TCP header");
+        return;
+    }
+    const char* tcp = ip + hl;
+    const uint16_t port = ntohs(Load16(tcp + 2));
+    if (port != m_refConfigData.md2ps_snap_port && port != m_refConfigData.md4ps_snap_port) {
+        return;
+    }
+    const int th = (static_cast<uint8_t>(tcp[12]) >> 4) * 4;
+    if (th < 20 || th > 60 || len < static_cast<unsigned int>(hl + th) + kEthernetHeader) {
+        QUVO_LOG(LOG_DEBUG_EX, "invalid TCP header or truncated packet");
+        return;
+    }
+    const int ipLen = ntohs(Load16(ip + 2));
+    const int seglen = ipLen - hl;
+    const int avail = static_cast<int>(len) - hl - th - static_cast<int>(kEthernetHeader);
+    if (avail < 0) {
+        return;
+    }
+    // Ethernet padding past the IP total length is never data.
+    const int32_t payload = avail < seglen - th ? avail : seglen - th;
+    if (payload <= 0) {
+        QUVO_LOG(LOG_DEBUG_EX, "payloadSize<=0, max_payload=%d", avail);
+        return;
+    }
+    if (ipLen < hl + 20 || seglen < 20 ||
+        static_cast<int>(len) - hl - static_cast<int>(kEthernetHeader) < seglen || seglen > 2036 ||
+        !_ChecksumOk(ip, hl, seglen)) {
+        QUVO_LOG(LOG_DEBUG, "tcp checksum is not correct");
+        return;
+    }
+    if ((static_cast<uint8_t>(tcp[13]) & (kTcpFlagRst | kTcpFlagAck)) == (kTcpFlagRst | kTcpFlagAck)) {
+        // A reset connection starts the whole snapshot over.
+        _Cleandata();
+        return;
+    }
+
+    TcpSession& s = m_sessions[port];
+    const char* data = tcp + th;
+    const uint32_t seq = ntohl(Load32(tcp + 4));
+    const uint32_t srcHost = Load32(ip + 12);
+    const uint32_t dstHost = Load32(ip + 16);
+
+    if (s.init == 0) {
+        _InitTcpSession(s, srcHost, dstHost, ntohs(Load16(tcp)), port);
+        const MdqpHeader header = LoadHeader(data);
+        if (payload >= 45 && header.flag == kMdqpFlagMore && header.type_id == kMdqpSnapshotType) {
+            if (!_StartSession(s, data, payload, seq, port)) {
+                return;
+            }
+            // A start segment whose first message is incomplete ends here.
+            const int32_t first = header.length + static_cast<int32_t>(sizeof(MdqpHeader));
+            _CutMessages(s, data, payload, port);
+            if (first > payload) {
+                return;
+            }
+        }
+    } else if (dstHost == s.dst_host && srcHost == s.src_host) {
+        const int64_t gap = static_cast<int64_t>(s.next_expt_seq) - static_cast<int64_t>(seq);
+        if (gap == 0) {
+            s.next_expt_seq = seq + static_cast<uint32_t>(payload);
+            if (s.frag_flag == 1) {
+                if (!_AppendFragment(s, data, payload, port, false)) {
+                    return;
+                }
+            } else if (!_CutMessages(s, data, payload, port)) {
+                return;
+            }
+            _DrainHeld(s, port);
+        } else if (gap < 0) {
+            _HoldFrame(s, frame, len, seq);
+        }
+        // gap > 0: old or repeated data
+    }
+
+    if (_AllFinished() && ShfePriceCheck() != 0) {
+        QUVO_LOG(LOG_WARNING, "price check is error");
+        _Cleandata();
+    }
+}
