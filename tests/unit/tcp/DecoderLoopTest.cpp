@@ -1,0 +1,205 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "public/log/CommonLog.h"
+#include "sim/MdqpBuilder.h"
+#include "sim/PcapWriter.h"
+#include "tests/support/LogLines.h"
+#include "tests/support/StdoutCapture.h"
+#include "tests/support/TcpHarness.h"
+#include "tests/support/TempDir.h"
+
+namespace {
+
+// A clock that moves one second each time it is read, so rounds pass in a
+// few hundred polls and no test waits.
+std::atomic<int64_t> g_now{1000};
+std::atomic<int64_t> g_reads{0};
+int64_t SteppingClock() {
+    ++g_reads;
+    return g_now.fetch_add(1) + 1;
+}
+
+// A clock that stands still: the first round never ends.
+int64_t StoppedClock() {
+    ++g_reads;
+    return g_now.load();
+}
+
+class DecoderLoopTest : public ::testing::Test {
+protected:
+    explicit DecoderLoopTest(CExanicTcpFunc::ClockFunc clock = SteppingClock) : h(clock) {
+        CCommonLog::GetInstance().SetLogLevel(static_cast<ELOGLEVEL>(LOG_ERROR | LOG_WARNING | LOG_INFO));
+        g_now = 1000;
+        g_reads = 0;
+        h.enabled.mask = ENABLE_SHFE2PS;
+    }
+
+    ~DecoderLoopTest() override {
+        if (m_rx != nullptr) {
+            card_release_rx_buffer(m_rx);
+            card_release_handle(m_handle);
+        }
+    }
+
+    // Replays `frames` on the raw-frame port of a software card feeding the loop.
+    void Replay(const std::vector<std::vector<char>>& frames) {
+        const std::string path = m_dir.Path() + "/raw.pcap";
+        {
+            CPcapWriter writer(path, 1, true);
+            for (const std::vector<char>& frame : frames) {
+                writer.Write(frame.data(), static_cast<uint32_t>(frame.size()), 0);
+            }
+        }
+        const std::string device = "replay:raw=" + path;
+        m_handle = card_acquire_handle(device.c_str());
+        ASSERT_NE(m_handle, nullptr) << card_get_last_error();
+        reg_write(card_get_devkit_registers(m_handle), REG_ORIG_DATA, 1);
+        m_rx = card_acquire_rx_buffer(m_handle, 1, 0);
+        h.tcp->InitTcp(h.registers.data(), m_rx);
+    }
+
+    // One SHFE 2ps snapshot of one instrument, in two messages and two frames.
+    static std::vector<std::vector<char>> Snapshot() {
+        const std::vector<char> first = CMdqpMessageBuilder(kMdqpFlagMore)
+                                            .Snap(1000)
+                                            .PacketNo(5)
+                                            .Inst("cu2501", 3, 10.0, 70000.0, 5)
+                                            .Build();
+        const std::vector<char> last =
+            CMdqpMessageBuilder(kMdqpFlagLast).Inst("cu2502", 1, 10.0, 70000.0, 5).Build();
+        TcpSegmentSpec spec;
+        std::vector<std::vector<char>> frames;
+        frames.push_back(build_tcp_frame(spec, first));
+        spec.seq += static_cast<uint32_t>(first.size());
+        frames.push_back(build_tcp_frame(spec, last));
+        return frames;
+    }
+
+    std::string Run() {
+        CStdoutCapture capture;
+        h.tcp->StartRunning();
+        h.tcp->RunTcpDecoder();
+        return capture.Stop();
+    }
+
+    CTcpHarness h;
+    CTempDir m_dir;
+    CardHandle* m_handle = nullptr;
+    CardRx* m_rx = nullptr;
+};
+
+class DecoderLoopStoppedClockTest : public DecoderLoopTest {
+protected:
+    DecoderLoopStoppedClockTest() : DecoderLoopTest(StoppedClock) {}
+};
+
+TEST_F(DecoderLoopStoppedClockTest, CompletesWhenEveryEnabledFeedFinishes) {
+    Replay(Snapshot());
+    const std::string out = Run();
+    EXPECT_EQ(h.tcp->GetInitialized(), 1);
+    EXPECT_EQ(h.finished.mask, ENABLE_SHFE2PS);
+    EXPECT_EQ(h.area->shfe_inst_cnt, 4);
+    EXPECT_EQ(h.area->shfe_pktno, 5);
+    EXPECT_STREQ(reinterpret_cast<const char*>(h.area->instmts[3].inst_id), "cu2501");
+    EXPECT_EQ(
+        log_messages(out, "[I]", "RunTcpDecoder"),
+        (std::vector<std::string>{"start initialization, enabled mask 0x1", "initialization completed"}));
+}
+
+TEST_F(DecoderLoopTest, FailsAfterTheRoundsAnchoredToTheStart) {
+    h.config.timeout_cnt = 3;
+    Replay({});
+    const std::string out = Run();
+    EXPECT_EQ(h.tcp->GetInitialized(), -1);
+    EXPECT_EQ(log_messages(out, "[W]", "RunTcpDecoder"),
+              (std::vector<std::string>{"initialization still not completed",
+                                        "initialization still not completed"}));
+    EXPECT_EQ(log_messages(out, "[E]", "RunTcpDecoder"),
+              std::vector<std::string>{"too many initialization failures"});
+    // start read at 1001; round k ends at the first poll more than 120 (k + 1) s after it
+    EXPECT_EQ(g_now.load() - 1001, 361);
+}
+
+TEST_F(DecoderLoopTest, ZeroRoundsStillRunOneRound) {
+    h.config.timeout_cnt = 0;
+    Replay({});
+    const std::string out = Run();
+    EXPECT_EQ(h.tcp->GetInitialized(), -1);
+    EXPECT_TRUE(log_messages(out, "[W]", "RunTcpDecoder").empty());
+    EXPECT_EQ(g_now.load() - 1001, 121);
+}
+
+TEST_F(DecoderLoopStoppedClockTest, ClearedRunningFlagAbandonsWithoutAVerdict) {
+    Replay({});
+    std::string out;
+    std::thread loop([&] { out = Run(); });
+    while (g_reads.load() < 5) {
+    }
+    h.tcp->StopRunning();
+    loop.join();
+    EXPECT_EQ(h.tcp->GetInitialized(), 0);
+    EXPECT_TRUE(log_messages(out, "[E]", "RunTcpDecoder").empty());
+    EXPECT_EQ(log_messages(out, "[I]", "RunTcpDecoder"),
+              std::vector<std::string>{"start initialization, enabled mask 0x1"});
+}
+
+TEST_F(DecoderLoopTest, StartingOverClearsTheAreaAndTheFinishedMask) {
+    h.area->instmts[9].last_px = 1.5;
+    h.finished.mask = ENABLE_INE2PS;
+    Replay({});
+    h.tcp->StopRunning();
+    CStdoutCapture capture;
+    h.tcp->RunTcpDecoder();
+    capture.Stop();
+    EXPECT_EQ(h.area->instmts[9].last_px, 0.0);
+    EXPECT_EQ(h.finished.mask, 0);
+}
+
+TEST_F(DecoderLoopTest, FourteenByteFrameIsAbnormalAndFifteenIsHandedOver) {
+    CCommonLog::GetInstance().SetLogLevel(static_cast<ELOGLEVEL>(31));
+    Replay({std::vector<char>(14, 0), std::vector<char>(15, 0)});
+    CStdoutCapture capture;
+    {
+        CThread worker;
+        h.tcp->TcpRecv(worker);
+        h.tcp->TcpRecv(worker);
+    }
+    const std::string out = capture.Stop();
+    EXPECT_EQ(log_messages(out, "[W]", "TcpRecv"),
+              std::vector<std::string>{"receive abnormal decode length: 14"});
+    EXPECT_EQ(log_messages(out, "[X]", "_PacketHandler"),
+              std::vector<std::string>{"packet too short for IP, packetLen=15"});
+}
+
+TEST_F(DecoderLoopTest, FramesQueuedAfterEveryFeedFinishedAreDropped) {
+    // An RST+ACK would start the snapshot over, were it handled.
+    TcpSegmentSpec reset;
+    reset.flags = 0x14;
+    const std::vector<char> payload(8, 0);
+    Replay({build_tcp_frame(reset, payload)});
+    h.area->instmts[2].volume = 77;
+    h.finished.mask = h.enabled.mask;
+    {
+        CThread worker;
+        h.tcp->TcpRecv(worker);
+    }
+    EXPECT_EQ(h.area->instmts[2].volume, 77u);
+}
+
+TEST_F(DecoderLoopTest, FramesQueuedBeforeTheFeedsFinishAreHandled) {
+    TcpSegmentSpec reset;
+    reset.flags = 0x14;
+    const std::vector<char> payload(8, 0);
+    Replay({build_tcp_frame(reset, payload)});
+    h.area->instmts[2].volume = 77;
+    {
+        CThread worker;
+        h.tcp->TcpRecv(worker);
+    }
+    EXPECT_EQ(h.area->instmts[2].volume, 0u);
+}
+
+}  // namespace
