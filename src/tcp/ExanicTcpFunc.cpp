@@ -137,8 +137,12 @@ void CExanicTcpFunc::_Cleandata() {
     ine_cnt_flag = false;
 }
 
-bool CExanicTcpFunc::_ChecksumOk(const char* ip, int hl, int seglen) {
-    // Pseudo-header, then the segment with its checksum field taken as zero.
+bool CExanicTcpFunc::_ChecksumOk(const char* ip, int hl, int seglen)
+{
+    // The one's-complement sum does not depend on byte order, so words are
+    // summed as the host reads them and swapped once at the end. The segment
+    // is staged in the scratch buffer with its checksum field zeroed and the
+    // odd byte padded, then summed eight bytes at a time.
     char* scratch = m_checksumBuf;
     memcpy(scratch, ip + 12, 8);
     scratch[8] = 0;
@@ -149,19 +153,25 @@ bool CExanicTcpFunc::_ChecksumOk(const char* ip, int hl, int seglen) {
     const uint16_t received = Load16(scratch + 12 + 16);
     scratch[12 + 16] = 0;
     scratch[12 + 17] = 0;
-    int total = 12 + seglen;
+    size_t total = 12 + static_cast<size_t>(seglen);
     if (total & 1) {
         scratch[total++] = 0;
     }
-    uint32_t sum = 0;
-    for (int i = 0; i < total; i += 2) {
-        sum += static_cast<uint32_t>(static_cast<uint8_t>(scratch[i]) << 8 |
-                                     static_cast<uint8_t>(scratch[i + 1]));
+    uint64_t sum = 0;
+    size_t i = 0;
+    for (; i + 8 <= total; i += 8) {
+        uint64_t word;
+        memcpy(&word, scratch + i, sizeof(word));
+        sum += word & 0xFFFFFFFFu;
+        sum += word >> 32;
+    }
+    for (; i < total; i += 2) {
+        sum += Load16(scratch + i);
     }
     while (sum >> 16) {
         sum = (sum & 0xFFFF) + (sum >> 16);
     }
-    return static_cast<uint16_t>(~sum) == ntohs(received);
+    return static_cast<uint16_t>(~sum & 0xFFFF) == received;
 }
 
 void CExanicTcpFunc::_InitTcpSession(TcpSession& s, uint32_t srcHost, uint32_t dstHost, uint16_t srcPort,

@@ -130,4 +130,8 @@ private:
     char m_checksumBuf[2048];
     TcpSession m_sessions[65536];
     inter_info inter_infos[QUVO_INST_SLOTS];
+    // Reused by every instrument's check, so the walk over the table does
+    // not allocate per instrument.
+    std::vector<double> m_checkPrices;
+    std::vector<int> m_checkVolumes;
 };

@@ -33,8 +33,10 @@ int CExanicTcpFunc::ShfeInstPriceCheck(instrument instmts, inter_info interInfo)
     const bool isSpread = strchr(id, '-') != nullptr;
 
     // Asks from the far side inwards, then bids: one falling list.
-    std::vector<double> shfe_inst_2ps_price;
-    std::vector<int> shfe_inst_2ps_volume;
+    std::vector<double>& shfe_inst_2ps_price = m_checkPrices;
+    std::vector<int>& shfe_inst_2ps_volume = m_checkVolumes;
+    shfe_inst_2ps_price.clear();
+    shfe_inst_2ps_volume.clear();
     for (int i = 4; i >= 0; --i) {
         shfe_inst_2ps_price.push_back(instmts.ask_px[i]);
         shfe_inst_2ps_volume.push_back(instmts.ask_vol[i]);

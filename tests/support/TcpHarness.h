@@ -23,6 +23,9 @@ public:
         return t._ProtectInstNo(type, instNo);
     }
     static bool IsSubscribed(CExanicTcpFunc& t, int slot) { return t._IsSubscribed(slot); }
+    static bool ChecksumOk(CExanicTcpFunc& t, const char* ip, int hl, int seglen) {
+        return t._ChecksumOk(ip, hl, seglen);
+    }
     static TcpSession& Session(CExanicTcpFunc& t, uint16_t port) { return t.m_sessions[port]; }
     static inter_info& InterInfo(CExanicTcpFunc& t, uint32_t slot) { return t.inter_infos[slot]; }
     static void SetLatches(CExanicTcpFunc& t, bool value) {
