@@ -22,17 +22,40 @@ need_command make make
 need_header gtest/gtest.h libgtest-dev
 need_header benchmark/benchmark.h libbenchmark-dev
 need_header pcap/pcap.h libpcap-dev
+need_command clang clang
 
-if [ ${#missing[@]} -eq 0 ]; then
-    echo "setup: everything needed is installed"
-    exit 0
-fi
-
-echo "setup: installing ${missing[*]}"
 sudo=""
 if [ "$(id -u)" -ne 0 ]; then
     sudo="sudo"
 fi
 export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update -q
-$sudo apt-get install -y -q --no-install-recommends "${missing[@]}"
+updated=0
+
+install_missing() {
+    [ ${#missing[@]} -eq 0 ] && return 0
+    echo "setup: installing ${missing[*]}"
+    if [ "$updated" -eq 0 ]; then
+        $sudo apt-get update -q
+        updated=1
+    fi
+    $sudo apt-get install -y -q --no-install-recommends "${missing[@]}"
+    missing=()
+}
+
+install_missing
+
+# The fuzz preset's runtimes (libFuzzer, and clang's sanitizers) come apart
+# from clang, in the package of its major version. clang prints the bare name
+# back when it has no such file.
+fuzzer_lib="libclang_rt.fuzzer-$(uname -m).a"
+if [ ! -e "$(clang -print-file-name="$fuzzer_lib")" ]; then
+    missing+=("libclang-rt-$(clang -dumpversion | cut -d. -f1)-dev")
+    install_missing
+    if [ ! -e "$(clang -print-file-name="$fuzzer_lib")" ]; then
+        echo "setup: clang still finds no $fuzzer_lib" >&2
+        exit 1
+    fi
+fi
+
+[ "$updated" -eq 0 ] && echo "setup: everything needed is installed"
+exit 0

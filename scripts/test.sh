@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Sets up a fresh machine, then builds and runs every test in the release and
-# asan (AddressSanitizer + UndefinedBehaviorSanitizer) presets. Fails if any
-# step fails.
+# asan (AddressSanitizer + UndefinedBehaviorSanitizer) presets, then fuzzes the
+# decoded-record parser for a minute (fuzz preset). Fails if any step fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -16,3 +16,39 @@ for preset in release asan; do
     ctest --preset "$preset"
 done
 echo "=== all tests passed in release and asan"
+
+echo "=== fuzz: configure"
+cmake --preset fuzz
+echo "=== fuzz: build"
+cmake --build --preset fuzz
+# Runs one fuzz target on a copy of its checked-in corpus (the fuzzer adds to
+# the corpus it is given). Inputs that fail are kept in build/fuzz/artifacts
+# and printed.
+artifacts="$PWD/build/fuzz/artifacts"
+rm -rf "$artifacts"
+mkdir -p "$artifacts"
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+run_fuzzer() {  # target corpus-name seconds
+    echo "=== fuzz: $1 for $3 s"
+    rm -rf "$work/corpus"
+    mkdir "$work/corpus"
+    cp "fuzz/corpus/$2"/* "$work/corpus/"
+    local status=0
+    (cd "$work" &&
+        UBSAN_OPTIONS=print_stacktrace=1 "$OLDPWD/build/fuzz/fuzz/$1" \
+            -max_total_time="$3" -timeout=10 -print_final_stats=1 \
+            -artifact_prefix="$artifacts/$1-" corpus) || status=$?
+    if [ "$status" -ne 0 ]; then
+        for input in "$artifacts/$1-"*; do
+            [ -e "$input" ] || continue
+            echo "=== fuzz: failing input $input"
+            od -An -tx1 -v "$input"
+        done
+        echo "=== fuzz: $1 failed (exit $status)"
+        exit "$status"
+    fi
+    echo "=== fuzz: $1 found no failure in $3 s"
+}
+
+run_fuzzer parse_mirp_fuzz parse_mirp "${QUVO_FUZZ_SECONDS:-60}"

@@ -79,7 +79,7 @@ struct RegisterAccess {
 
 // Records, in order, every reg_read/reg_write on one register window (a card's
 // or any block of words) while started. One recorder is installed at a time.
-class CRegisterRecorder : private CRegisterTap {
+class CRegisterRecorder final : private CRegisterTap {
 public:
     explicit CRegisterRecorder(volatile uint32_t* window) : m_pWindow(window) {}
     ~CRegisterRecorder() { Stop(); }
