@@ -28,11 +28,6 @@ const char* LevelPrefix(ELOGLEVEL level) {
 
 }  // namespace
 
-CCommonLog& CCommonLog::GetInstance() {
-    static CCommonLog instance;
-    return instance;
-}
-
 CCommonLog::CCommonLog(TimeFunc timeFunc, LocalTimeFunc localTimeFunc)
     : m_logLevel(15),
       m_logHandler(nullptr),

@@ -22,8 +22,12 @@ public:
     using TimeFunc = time_t (*)(time_t*);
     using LocalTimeFunc = struct tm* (*)(const time_t*, struct tm*);
 
-    // The instance every component logs through; built on first use.
-    static CCommonLog& GetInstance();
+    // The instance every component logs through; built on first use. Inline,
+    // so a disabled log line costs a guard test and a load.
+    static CCommonLog& GetInstance() {
+        static CCommonLog instance;
+        return instance;
+    }
 
     // Separate instances exist for tests, which inject the clock; the
     // process itself logs only through GetInstance().
