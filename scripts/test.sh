@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Sets up a fresh machine, then builds and runs every test in the release and
 # asan (AddressSanitizer + UndefinedBehaviorSanitizer) presets, then fuzzes the
-# decoded-record parser for a minute (fuzz preset). Fails if any step fails.
+# decoded-record parser and the snapshot packet handler for a bounded time
+# (fuzz preset). Fails if any step fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -52,3 +53,7 @@ run_fuzzer() {  # target corpus-name seconds
 }
 
 run_fuzzer parse_mirp_fuzz parse_mirp "${QUVO_FUZZ_SECONDS:-60}"
+# The snapshot-reassembly targets keep one snapshot object across inputs, so
+# a printed input that passes alone needs the inputs run before it.
+run_fuzzer packet_handler_fuzz packet_handler "${QUVO_FUZZ_PACKET_SECONDS:-45}"
+run_fuzzer packet_handler_checksum_fuzz packet_handler "${QUVO_FUZZ_PACKET_SECONDS:-45}"

@@ -109,7 +109,9 @@ inline std::vector<char> build_tcp_frame(const TcpSegmentSpec& spec, const char*
     tcp[12] = 0x50;
     tcp[13] = spec.flags;
     tcp[14] = 0xFF;
-    memcpy(tcp + kTcp, payload, size);
+    if (size != 0) {
+        memcpy(tcp + kTcp, payload, size);
+    }
 
     uint32_t sum = 0;
     const auto add = [&sum](const unsigned char* p, size_t n) {

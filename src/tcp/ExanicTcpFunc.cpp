@@ -11,6 +11,8 @@
 namespace {
 
 constexpr unsigned int kEthernetHeader = 14;
+// The reassembly steps report as part of the frame they handle.
+constexpr const char* kPacketHandler = "_PacketHandler";
 constexpr uint8_t kTcpFlagRst = 0x04;
 constexpr uint8_t kTcpFlagAck = 0x10;
 
@@ -137,8 +139,7 @@ void CExanicTcpFunc::_Cleandata() {
     ine_cnt_flag = false;
 }
 
-bool CExanicTcpFunc::_ChecksumOk(const char* ip, int hl, int seglen)
-{
+bool CExanicTcpFunc::_ChecksumOk(const char* ip, int hl, int seglen) {
     // The one's-complement sum does not depend on byte order, so words are
     // summed as the host reads them and swapped once at the end. The segment
     // is staged in the scratch buffer with its checksum field zeroed and the
@@ -204,8 +205,8 @@ bool CExanicTcpFunc::_StartSession(TcpSession& s, const char* data, int32_t payl
         memcpy(&field, data + pos, sizeof(field));
         ++iter;
         if (iter > limit || field.field_size == 0) {
-            QUVO_LOG(LOG_WARNING, "invalid field data, break field iteration, iter=%d payloadSize=%d", iter,
-                     payload);
+            QUVO_LOG_AS(kPacketHandler, LOG_WARNING,
+                        "invalid field data, break field iteration, iter=%d payloadSize=%d", iter, payload);
             s.init = 0;
             s.em_dqp_data_type = MDQP_DATA_TYPE_UNKNOW;
             return false;
@@ -213,8 +214,8 @@ bool CExanicTcpFunc::_StartSession(TcpSession& s, const char* data, int32_t payl
         if (field.field_id == MDQP_FID_SNAP && field.field_size == sizeof(SnapField)) {
             SnapField snap;
             memcpy(&snap, data + pos + sizeof(field), sizeof(snap));
-            QUVO_LOG(LOG_DEBUG_EX, "topic ID: %d, snap No: %d, TCP dst port: %d", snap.topic_id, snap.snap_no,
-                     port);
+            QUVO_LOG_AS(kPacketHandler, LOG_DEBUG_EX, "topic ID: %d, snap No: %d, TCP dst port: %d",
+                        snap.topic_id, snap.snap_no, port);
             const uint8_t enabled = mask_load(m_refEnabledMask);
             const uint8_t finished = mask_load(m_refFinishedMask);
             const auto open = [&](uint8_t bit) { return (enabled & bit) != 0 && (finished & bit) == 0; };
@@ -270,7 +271,7 @@ bool CExanicTcpFunc::_CutMessages(TcpSession& s, const char* data, int32_t n, ui
 bool CExanicTcpFunc::_AppendFragment(TcpSession& s, const char* data, int32_t n, uint16_t port,
                                      bool logNotMdqp) {
     if (s.frag_buf_offset + n > kFragLimit) {
-        QUVO_LOG(LOG_WARNING, "ignore tcp message!");
+        QUVO_LOG_AS(kPacketHandler, LOG_WARNING, "ignore tcp message!");
         _Cleandata();
         return false;
     }
@@ -278,7 +279,7 @@ bool CExanicTcpFunc::_AppendFragment(TcpSession& s, const char* data, int32_t n,
     s.frag_buf_offset += n;
     if (!_CutMessages(s, s.frag_buf, s.frag_buf_offset, port)) {
         if (logNotMdqp) {
-            QUVO_LOG(LOG_ERROR, "not a mdqp header, check program logic");
+            QUVO_LOG_AS(kPacketHandler, LOG_ERROR, "not a mdqp header, check program logic");
         }
         return false;
     }
@@ -287,13 +288,14 @@ bool CExanicTcpFunc::_AppendFragment(TcpSession& s, const char* data, int32_t n,
 
 void CExanicTcpFunc::_HoldFrame(TcpSession& s, const char* frame, unsigned int len, uint32_t seq) {
     if (s.lost_flag == 1 && s.lost_buf_size >= kMaxHeldFrames) {
-        QUVO_LOG(LOG_ERROR, "break tcp seq detected. expt: %u, got: %u", s.next_expt_seq, seq);
+        QUVO_LOG_AS(kPacketHandler, LOG_ERROR, "break tcp seq detected. expt: %u, got: %u", s.next_expt_seq,
+                    seq);
         _Cleandata();
         return;
     }
     TcpLostBuf* node = static_cast<TcpLostBuf*>(malloc(sizeof(TcpLostBuf)));
     if (node == nullptr) {
-        QUVO_LOG(LOG_ERROR, "failed to malloc buffer to store tcp lost frame");
+        QUVO_LOG_AS(kPacketHandler, LOG_ERROR, "failed to malloc buffer to store tcp lost frame");
         return;
     }
     memset(static_cast<void*>(node), 0, sizeof(TcpLostBuf));
@@ -372,7 +374,7 @@ void CExanicTcpFunc::_DrainHeld(TcpSession& s, uint16_t port) {
                     return;
                 }
             } else if (!_CutMessages(s, data, payload, port)) {
-                QUVO_LOG(LOG_ERROR, "not a mdqp header, check program logic");
+                QUVO_LOG_AS(kPacketHandler, LOG_ERROR, "not a mdqp header, check program logic");
                 return;
             }
         }

@@ -1,0 +1,53 @@
+// libFuzzer target: arbitrary bytes as Ethernet frames through
+// CExanicTcpFunc::_PacketHandler. Input layout: PacketHandlerInput.h.
+//
+// One snapshot object lives across inputs, so sessions, held frames and
+// pending fragments carry over unless an input asks for fresh sessions.
+// Almost every frame stops at the checksum; the checksum target goes deeper.
+// After every frame the sessions' invariants are checked
+// (PacketHandlerHarness.h).
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "fuzz/PacketHandlerHarness.h"
+#include "public/log/CommonLog.h"
+
+using namespace packet_handler_fuzz;
+
+namespace {
+
+void Handle(CTcpHarness& h, const uint8_t* data, size_t len) {
+    // Exactly the frame and the zeroed slack the receive copy gives it, so
+    // any read beyond is a heap overflow.
+    std::unique_ptr<char[]> frame(new char[len + kMdqpReadSlack]);
+    memcpy(frame.get(), data, len);
+    memset(frame.get() + len, 0, kMdqpReadSlack);
+    CExanicTcpFuncTestAccess::PacketHandler(*h.tcp, frame.get(), static_cast<unsigned int>(len));
+    AfterFrame(h);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    // QUVO_FUZZ_LOG=1 formats every log line too, at the cost of speed.
+    const char* log = getenv("QUVO_FUZZ_LOG");
+    CCommonLog::GetInstance().SetLogLevel(static_cast<ELOGLEVEL>(log != nullptr && log[0] == '1' ? 0x1F : 0));
+    Harness();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size < 1) {
+        return 0;
+    }
+    CTcpHarness& h = Harness();
+    if (data[0] & kFreshSessions) {
+        FreshSessions(h);
+    }
+    for (const Frame& frame : SplitFrames(data, size)) {
+        Handle(h, frame.data, frame.size < kMaxFrame ? frame.size : kMaxFrame);
+    }
+    return 0;
+}
