@@ -4,6 +4,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 std::atomic<CRegisterTap*> g_registerTap{nullptr};
 
@@ -14,13 +15,26 @@ struct CardHandle {
     exanic_t* pExanic = nullptr;
 #endif
     std::unique_ptr<CSoftCard> softCard;
+    // Buffers acquired through this handle and not yet released. A pipeline
+    // restart acquires again without releasing, so the handle keeps them
+    // until they are released or the last holder lets the device go.
+    std::vector<std::unique_ptr<CardRx>> rxBuffers;
 };
 
 namespace {
 
 std::mutex g_cardMutex;
-std::map<std::string, CardHandle*> g_handles;
+// Never destroyed: a device still held at exit (a run that ended on a
+// failure) stays reachable, as its memory is the process's until it ends.
+std::map<std::string, CardHandle*>& g_handles = *new std::map<std::string, CardHandle*>();
 std::string g_lastError;
+
+CardRx* Keep(CardHandle* handle, std::unique_ptr<CardRx> rx) {
+    CardRx* raw = rx.get();
+    std::lock_guard<std::mutex> lock(g_cardMutex);
+    handle->rxBuffers.push_back(std::move(rx));
+    return raw;
+}
 
 void SetLastError(const std::string& text) {
     std::lock_guard<std::mutex> lock(g_cardMutex);
@@ -126,7 +140,7 @@ CardRx* card_acquire_rx_buffer(CardHandle* handle, int port, int bufferNumber) {
             return nullptr;
         }
         rx->pSoftCard->NoteEvent("rx " + std::to_string(port) + " acquired");
-        return rx.release();
+        return Keep(handle, std::move(rx));
     }
 #if QUVO_HAVE_EXANIC
     rx->pExanicRx = exanic_acquire_rx_buffer(handle->pExanic, port, bufferNumber);
@@ -134,7 +148,7 @@ CardRx* card_acquire_rx_buffer(CardHandle* handle, int port, int bufferNumber) {
         SetLastError(exanic_get_last_error());
         return nullptr;
     }
-    return rx.release();
+    return Keep(handle, std::move(rx));
 #else
     return nullptr;
 #endif
@@ -150,7 +164,14 @@ void card_release_rx_buffer(CardRx* rx) {
         exanic_release_rx_buffer(rx->pExanicRx);
     }
 #endif
-    delete rx;
+    std::lock_guard<std::mutex> lock(g_cardMutex);
+    std::vector<std::unique_ptr<CardRx>>& kept = rx->pHandle->rxBuffers;
+    for (auto it = kept.begin(); it != kept.end(); ++it) {
+        if (it->get() == rx) {
+            kept.erase(it);
+            return;
+        }
+    }
 }
 
 void card_release_handle(CardHandle* handle) {

@@ -1,0 +1,149 @@
+#include "src/ExanicMdImpl.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <thread>
+
+#include "public/log/CommonLog.h"
+#include "src/api/SharedSegments.h"
+#include "src/api/UpdateRing.h"
+#include "src/config/ConfigParse.h"
+#include "src/dev/ExanicDevFunc.h"
+#include "src/tcp/ExanicTcpFunc.h"
+#include "src/udp/ExanicUdpFunc.h"
+
+namespace {
+
+constexpr const char* kSoftwareVersion = __DATE__ " " __TIME__ " Shfe V2.1.1.12";
+
+inline bool Running(const int* running) {
+    return __atomic_load_n(running, __ATOMIC_RELAXED) != 0;
+}
+
+}  // namespace
+
+extern "C" int quvo_recv(const char* config_path, int* running) {
+    CCommonLog::GetInstance().SetLogLevel(static_cast<ELOGLEVEL>(31));
+
+    SharedSegments segments = attach_shared_segments();
+    share& area = *segments.pMdArea;
+    CUpdateRing ring(segments.pUpdateRing);
+
+    // The process's heap memory goes with any return; the card and the
+    // segments are released only on an orderly stop.
+    std::unique_ptr<char, decltype(&free)> cacheArea(
+        static_cast<char*>(calloc(1, CExanicUdpFunc::kCacheSize)), free);
+    CacheBufInfo cache{};
+    cache.pCacheBuf = cacheArea.get();
+    if (cache.pCacheBuf == nullptr) {
+        QUVO_LOG(LOG_ERROR, "failed to allocate the decode buffer");
+        return -1;
+    }
+    ExanicMdConfigData config;
+    UEnableMask enabledMask{};
+    UEnableMask finishedMask{};
+    uint32_t lastInstNo = 0;
+    auto calcInfo = std::make_unique<PriceCalcInfo>();
+    CExanicDevFunc dev(config, enabledMask);
+    auto tcp = std::make_unique<CExanicTcpFunc>(config, &area, enabledMask, finishedMask, *calcInfo);
+
+    QUVO_LOG(LOG_INFO, "software version: %s", kSoftwareVersion);
+
+    while (Running(running)) {
+        clear_books(area);
+        config = ExanicMdConfigData();
+        CConfigParse parse(config);
+        if (parse.InitConfig(config_path) != 0) {
+            QUVO_LOG(LOG_ERROR, "failed to initialize config data");
+            return -1;
+        }
+        if (dev.InitDev() != 0) {
+            QUVO_LOG(LOG_ERROR, "failed to initialize network device");
+            return -1;
+        }
+        if (mask_load(enabledMask) == 0) {
+            QUVO_LOG(LOG_ERROR, "all SHFE and INE are disabled");
+            return -1;
+        }
+        if (tcp->InitTcp(dev.GetRegisters(), dev.GetTcpRxBuffer()) != 0) {
+            QUVO_LOG(LOG_ERROR, "failed to initialize TCP function");
+            return -1;
+        }
+        // A new set-up each run, so its warn-once flags are fresh.
+        std::optional<CExanicUdpFunc> udp;
+        udp.emplace(config, &area, cache, *calcInfo, lastInstNo);
+        if (udp->InitUdp(dev.GetRegisters(), dev.GetUdpRxBuffer()) != 0) {
+            QUVO_LOG(LOG_ERROR, "failed to initialize UDP function");
+            return -1;
+        }
+
+        dev.StartDecodeData();
+        dev.StartOrigData();
+        dev.StartAllIne();
+        dev.StartAllShfe();
+        tcp->StartRunning();
+        std::thread decoder([&tcp] { tcp->RunTcpDecoder(); });
+
+        // Snapshot phase: keep what the incremental feed sends meanwhile.
+        while (Running(running) && tcp->GetInitialized() == 0) {
+            udp->CachePacket();
+        }
+        tcp->StopRunning();
+        decoder.join();
+        if (tcp->GetInitialized() == -1) {
+            return -1;  // the process is expected to end; nothing is released
+        }
+
+        dev.StopAllIne();
+        dev.StopAllShfe();
+        dev.StopOrigData();
+        if (area.ine_inst_cnt > QUVO_INE_MAX_INST_CNT) {
+            QUVO_LOG(LOG_ERROR, "too many instruments, ine: %d, limit: %d", area.ine_inst_cnt,
+                     QUVO_INE_MAX_INST_CNT);
+        }
+        if (area.shfe_inst_cnt > QUVO_SHFE_MAX_INST_CNT) {
+            QUVO_LOG(LOG_ERROR, "too many instruments, shfe: %d, limit: %d", area.shfe_inst_cnt,
+                     QUVO_SHFE_MAX_INST_CNT);
+        }
+
+        // Replay: the first n updates come from frames cached before the
+        // replay began and are deliberately not announced.
+        udp->PrefetchCalcInfo();
+        const int cached = cache.cachedCount;
+        QUVO_LOG(LOG_INFO, "process decode buffer %d frames", cached);
+        int applied = 0;
+        int result = 0;
+        while (Running(running)) {
+            if (cache.cachedCount < 1 || result == -1) {
+                break;
+            }
+            udp->CachePacket();
+            result = udp->ProcessCached();
+            if (result == 1) {
+                if (++applied > cached) {
+                    ring.Publish(lastInstNo);
+                }
+            } else if (result == -1) {
+                udp->ClearCache();
+            }
+        }
+
+        udp->PrefetchCalcInfo();
+        while (Running(running) && result != -1) {
+            result = udp->UdpRecv();
+            if (result == 1) {
+                ring.Publish(lastInstNo);
+            }
+        }
+        dev.StopDecodeData();
+        // Still running here means a fatal stream error: start over from the
+        // configuration, keeping the card, the segments, the ring and the cache.
+    }
+
+    dev.ReleaseDev();
+    cacheArea.reset();
+    detach_shared_segments(segments);
+    return 0;
+}
