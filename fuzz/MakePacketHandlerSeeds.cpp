@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/FuzzSupport.h"
 #include "fuzz/PacketHandlerInput.h"
 #include "sim/MdqpBuilder.h"
 
@@ -218,13 +219,9 @@ int main(int argc, char** argv) {
         return 2;
     }
     for (const Seed& seed : Seeds()) {
-        const std::string path = std::string(argv[1]) + "/" + seed.name;
-        FILE* f = fopen(path.c_str(), "wb");
-        if (f == nullptr || fwrite(seed.bytes.data(), 1, seed.bytes.size(), f) != seed.bytes.size()) {
-            fprintf(stderr, "cannot write %s\n", path.c_str());
+        if (!write_seed(argv[1], seed.name, seed.bytes.data(), seed.bytes.size())) {
             return 1;
         }
-        fclose(f);
     }
     return 0;
 }

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/FuzzSupport.h"
 #include "fuzz/ParseMirpArea.h"
 #include "sim/DecodedRecordBuilder.h"
 
@@ -127,16 +128,8 @@ int main(int argc, char** argv) {
         return 2;
     }
     for (const Seed& seed : Seeds()) {
-        const std::string path = std::string(argv[1]) + "/" + seed.name;
-        FILE* f = fopen(path.c_str(), "wb");
-        if (f == nullptr) {
-            perror(path.c_str());
-            return 1;
-        }
-        const bool ok = fwrite(&seed.control, 1, 1, f) == 1 &&
-                        fwrite(seed.bytes.data(), 1, seed.bytes.size(), f) == seed.bytes.size();
-        if (fclose(f) != 0 || !ok) {
-            perror(path.c_str());
+        const unsigned char control = seed.control;
+        if (!write_seed(argv[1], seed.name, seed.bytes.data(), seed.bytes.size(), &control)) {
             return 1;
         }
     }

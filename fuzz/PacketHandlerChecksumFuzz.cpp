@@ -12,6 +12,7 @@
 #include <cstring>
 #include <memory>
 
+#include "fuzz/FuzzSupport.h"
 #include "fuzz/PacketHandlerHarness.h"
 #include "public/log/CommonLog.h"
 
@@ -106,9 +107,7 @@ std::unique_ptr<uint8_t[]> Complete(CTcpHarness& h, const uint8_t* in, size_t si
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // QUVO_FUZZ_LOG=1 formats every log line too, at the cost of speed.
-    const char* log = getenv("QUVO_FUZZ_LOG");
-    CCommonLog::GetInstance().SetLogLevel(static_cast<ELOGLEVEL>(log != nullptr && log[0] == '1' ? 0x1F : 0));
+    fuzz_set_log_level();
     Harness();
     return 0;
 }

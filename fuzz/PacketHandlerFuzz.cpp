@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 
+#include "fuzz/FuzzSupport.h"
 #include "fuzz/PacketHandlerHarness.h"
 #include "public/log/CommonLog.h"
 
@@ -31,9 +32,7 @@ void Handle(CTcpHarness& h, const uint8_t* data, size_t len) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // QUVO_FUZZ_LOG=1 formats every log line too, at the cost of speed.
-    const char* log = getenv("QUVO_FUZZ_LOG");
-    CCommonLog::GetInstance().SetLogLevel(static_cast<ELOGLEVEL>(log != nullptr && log[0] == '1' ? 0x1F : 0));
+    fuzz_set_log_level();
     Harness();
     return 0;
 }

@@ -12,6 +12,7 @@
 #include <memory>
 #include <vector>
 
+#include "fuzz/FuzzSupport.h"
 #include "fuzz/ParseMirpArea.h"
 #include "public/log/CommonLog.h"
 #include "src/udp/ExanicUdpFunc.h"
@@ -196,10 +197,7 @@ void Restore(Area& a, uint32_t slot) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // QUVO_FUZZ_LOG=1 formats every log line too, at the cost of speed.
-    const char* log = getenv("QUVO_FUZZ_LOG");
-    const int levels = log != nullptr && log[0] == '1' ? 0x1F : 0;
-    CCommonLog::GetInstance().SetLogLevel(static_cast<ELOGLEVEL>(levels));
+    fuzz_set_log_level();
     TheArea();
     return 0;
 }
