@@ -32,3 +32,19 @@ inline bool write_seed(const std::string& dir, const std::string& name, const vo
     }
     return true;
 }
+
+// The seed generators' main: one argument, the directory to write into.
+// `write(dir, seed)` writes one seed and returns false on failure.
+template <typename Seeds, typename Write>
+int seed_main(int argc, char** argv, const Seeds& seeds, Write&& write) {
+    if (argc != 2) {
+        fprintf(stderr, "usage: %s DIR\n", argv[0]);
+        return 2;
+    }
+    for (const auto& seed : seeds) {
+        if (!write(argv[1], seed)) {
+            return 1;
+        }
+    }
+    return 0;
+}

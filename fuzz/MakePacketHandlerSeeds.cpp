@@ -214,14 +214,7 @@ std::vector<Seed> Seeds() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        fprintf(stderr, "usage: %s DIR\n", argv[0]);
-        return 2;
-    }
-    for (const Seed& seed : Seeds()) {
-        if (!write_seed(argv[1], seed.name, seed.bytes.data(), seed.bytes.size())) {
-            return 1;
-        }
-    }
-    return 0;
+    return seed_main(argc, argv, Seeds(), [](const std::string& dir, const Seed& seed) {
+        return write_seed(dir, seed.name, seed.bytes.data(), seed.bytes.size());
+    });
 }

@@ -30,6 +30,13 @@ CDecodedRecordBuilder Shfe(uint32_t instrumentNo, uint32_t changeNo = kChangeNo)
 CDecodedRecordBuilder Ine(uint32_t instrumentNo, uint32_t changeNo = kChangeNo) {
     return CDecodedRecordBuilder(kIneTopic2, instrumentNo, changeNo, 140000, 250, 7);
 }
+// Six new best asks: on a ten-level book the sixth moves past the tenth level.
+CDecodedRecordBuilder SixBestAskInserts(CDecodedRecordBuilder record) {
+    for (int32_t offset = 0; offset >= -5; --offset) {
+        record.Insert(kAsk, 1, offset, 1);
+    }
+    return record;
+}
 
 std::vector<Seed> Seeds() {
     std::vector<Seed> s;
@@ -75,14 +82,7 @@ std::vector<Seed> Seeds() {
     add("shfe_tas_crossed_kept", kChangeFollows, Shfe(4).Update(kBid, 1, 5, 1));
     add("shfe_unsubscribed_stray_byte", kChangeFollows, Shfe(5).Update(kBid, 1, 0, 1));
     add("shfe_unsubscribed", kChangeFollows, Shfe(77).Update(kBid, 1, 0, 1));
-    add("shfe_last_slot_ask_spill", kChangeFollows | kBookTen,
-        Shfe(16383)
-            .Insert(kAsk, 1, 0, 1)
-            .Insert(kAsk, 1, -1, 1)
-            .Insert(kAsk, 1, -2, 1)
-            .Insert(kAsk, 1, -3, 1)
-            .Insert(kAsk, 1, -4, 1)
-            .Insert(kAsk, 1, -5, 1));
+    add("shfe_last_slot_ask_spill", kChangeFollows | kBookTen, SixBestAskInserts(Shfe(16383)));
     add("shfe_instrument_out_of_range", kChangeFollows, Shfe(16384).Update(kBid, 1, 0, 1));
     add("shfe_not_incremental", kChangeFollows,
         CDecodedRecordBuilder(kShfeTopic2, 0, kChangeNo, 93000, 0, 1, 0x0004).Update(kBid, 1, 0, 1));
@@ -98,14 +98,7 @@ std::vector<Seed> Seeds() {
     add("shfe_irregular_book", kChangeFollows | kBookIrregular, Shfe(0).Update(kBid, 2, -2, 4));
     add("shfe_twice", kChangeFollows | kTwice, Shfe(0).Insert(kAsk, 1, 1, 2));
     add("ine_slot_20479_update", kChangeFollows, Ine(0).Update(kBid, 1, -1, 40).Update(kAsk, 1, 1, 40));
-    add("ine_slot_20479_ask_spill", kChangeFollows | kBookTen,
-        Ine(0)
-            .Insert(kAsk, 1, 0, 1)
-            .Insert(kAsk, 1, -1, 1)
-            .Insert(kAsk, 1, -2, 1)
-            .Insert(kAsk, 1, -3, 1)
-            .Insert(kAsk, 1, -4, 1)
-            .Insert(kAsk, 1, -5, 1));
+    add("ine_slot_20479_ask_spill", kChangeFollows | kBookTen, SixBestAskInserts(Ine(0)));
     add("ine_topic4_deal", kChangeFollows,
         CDecodedRecordBuilder(kIneTopic4, 1, kChangeNo).Deal(3, 2, 7, 1).SellStatics(1, 1));
     add("ine_tas", kChangeFollows, Ine(2).Update(kAsk, 1, -100, 1));
@@ -123,15 +116,8 @@ std::vector<Seed> Seeds() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        fprintf(stderr, "usage: %s DIR\n", argv[0]);
-        return 2;
-    }
-    for (const Seed& seed : Seeds()) {
+    return seed_main(argc, argv, Seeds(), [](const std::string& dir, const Seed& seed) {
         const unsigned char control = seed.control;
-        if (!write_seed(argv[1], seed.name, seed.bytes.data(), seed.bytes.size(), &control)) {
-            return 1;
-        }
-    }
-    return 0;
+        return write_seed(dir, seed.name, seed.bytes.data(), seed.bytes.size(), &control);
+    });
 }

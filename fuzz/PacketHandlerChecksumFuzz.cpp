@@ -106,26 +106,11 @@ std::unique_ptr<uint8_t[]> Complete(CTcpHarness& h, const uint8_t* in, size_t si
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz_set_log_level();
-    Harness();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < 1) {
-        return 0;
-    }
-    CTcpHarness& h = Harness();
-    if (data[0] & kFreshSessions) {
-        FreshSessions(h);
-    }
-    for (const Frame& in : SplitFrames(data, size)) {
+    return RunInput(data, size, [](CTcpHarness& h, const Frame& in) {
         size_t len = 0;
         std::unique_ptr<uint8_t[]> frame = Complete(h, in.data, in.size, len);
         CExanicTcpFuncTestAccess::PacketHandler(*h.tcp, reinterpret_cast<char*>(frame.get()),
                                                 static_cast<unsigned int>(len));
-        AfterFrame(h);
-    }
-    return 0;
+    });
 }

@@ -26,27 +26,12 @@ void Handle(CTcpHarness& h, const uint8_t* data, size_t len) {
     memcpy(frame.get(), data, len);
     memset(frame.get() + len, 0, kMdqpReadSlack);
     CExanicTcpFuncTestAccess::PacketHandler(*h.tcp, frame.get(), static_cast<unsigned int>(len));
-    AfterFrame(h);
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz_set_log_level();
-    Harness();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < 1) {
-        return 0;
-    }
-    CTcpHarness& h = Harness();
-    if (data[0] & kFreshSessions) {
-        FreshSessions(h);
-    }
-    for (const Frame& frame : SplitFrames(data, size)) {
+    return RunInput(data, size, [](CTcpHarness& h, const Frame& frame) {
         Handle(h, frame.data, frame.size < kMaxFrame ? frame.size : kMaxFrame);
-    }
-    return 0;
+    });
 }

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "fuzz/FuzzSupport.h"
 #include "fuzz/PacketHandlerInput.h"
 #include "tests/support/TcpHarness.h"
 
@@ -77,4 +78,28 @@ inline void AfterFrame(CTcpHarness& h) {
     }
 }
 
+// One fuzz input: a control byte, then frames. `handle` prepares each frame
+// and hands it to the packet handler; invariants are checked after each.
+template <typename Handle>
+int RunInput(const uint8_t* data, size_t size, Handle&& handle) {
+    if (size < 1) {
+        return 0;
+    }
+    CTcpHarness& h = Harness();
+    if (data[0] & kFreshSessions) {
+        FreshSessions(h);
+    }
+    for (const Frame& frame : SplitFrames(data, size)) {
+        handle(h, frame);
+        AfterFrame(h);
+    }
+    return 0;
+}
+
 }  // namespace packet_handler_fuzz
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    fuzz_set_log_level();
+    packet_handler_fuzz::Harness();
+    return 0;
+}

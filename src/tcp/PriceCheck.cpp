@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "public/log/CommonLog.h"
+#include "src/api/InstrumentId.h"
 #include "src/tcp/ExanicTcpFunc.h"
 
 int CExanicTcpFunc::ShfePriceCheck() {
@@ -25,12 +26,10 @@ int CExanicTcpFunc::ShfePriceCheck() {
 }
 
 int CExanicTcpFunc::ShfeInstPriceCheck(instrument instmts, inter_info interInfo) {
-    char id[sizeof(instmts.inst_id) + 1] = {};
-    memcpy(id, instmts.inst_id, sizeof(instmts.inst_id));
-    if (strstr(id, "TAS") != nullptr) {
+    if (is_tas_instrument(instmts)) {
         return 0;
     }
-    const bool isSpread = strchr(id, '-') != nullptr;
+    const bool isSpread = inst_id_contains(instmts.inst_id, "-");
 
     // Asks from the far side inwards, then bids: one falling list.
     std::vector<double>& shfe_inst_2ps_price = m_checkPrices;
@@ -51,7 +50,8 @@ int CExanicTcpFunc::ShfeInstPriceCheck(instrument instmts, inter_info interInfo)
     if (iRet == 0) {
         return 0;
     }
-    QUVO_LOG(LOG_ERROR, "inst_id [%s]upper[%8lf]lower[%8lf]", id, interInfo.upper_limit_price,
+    QUVO_LOG(LOG_ERROR, "inst_id [%.*s]upper[%8lf]lower[%8lf]", static_cast<int>(sizeof(instmts.inst_id)),
+             reinterpret_cast<const char*>(instmts.inst_id), interInfo.upper_limit_price,
              interInfo.lower_limit_price);
     static const char* const kLevelFormats[] = {
         "ask5 px[%8lf]vol[%d]", "ask4 px[%8lf]vol[%d]", "ask3 px[%8lf]vol[%d]", "ask2 px[%8lf]vol[%d]",

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "public/log/CommonLog.h"
+#include "src/api/InstrumentId.h"
 
 namespace {
 
@@ -58,16 +59,6 @@ inline void CopyRecord(char* dst, const char* src) {
 
 inline int32_t WrappingAdd(int32_t a, int32_t b) {
     return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
-}
-
-inline bool ContainsTas(const unsigned char* id) {
-    const size_t n = strnlen(reinterpret_cast<const char*>(id), sizeof(instrument::inst_id));
-    for (size_t i = 0; i + 3 <= n; ++i) {
-        if (id[i] == 'T' && id[i + 1] == 'A' && id[i + 2] == 'S') {
-            return true;
-        }
-    }
-    return false;
 }
 
 // The price-level helper reports as part of the record it applies.
@@ -384,7 +375,7 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
     const double ask1 = Px(rec, kAsk, 0);
     const bool crossed = badBid < 0 && badAsk < 0 && !IsEmptyLevel(bid1, Vol(rec, kBid, 0)) &&
                          !IsEmptyLevel(ask1, Vol(rec, kAsk, 0)) && bid1 >= ask1;
-    if (__builtin_expect(badBid < 0 && badAsk < 0 && !crossed, 1) || ContainsTas(inst.inst_id)) {
+    if (__builtin_expect(badBid < 0 && badAsk < 0 && !crossed, 1) || is_tas_instrument(inst)) {
         return 1;
     }
     if (badBid >= 0) {

@@ -79,6 +79,15 @@ Bytes StartMessage(int16_t topic = kShfeTopic, int32_t instNo = 0) {
 }
 
 // 124 bytes.
+// A start message of exactly `size` bytes: SnapField, then a skipped field.
+Bytes StartMessageOfSize(size_t size) {
+    const Bytes skipped(size - 8 - 10 - 4, 0);
+    return CMdqpMessageBuilder(kMdqpFlagMore, 1)
+        .Snap(kShfeTopic)
+        .RawField(MDQP_FID_SKIP_0031, skipped.data(), skipped.size())
+        .Build();
+}
+
 Bytes InstMessage(int32_t requestId, int32_t instNo, const char* id = "al2409") {
     return CMdqpMessageBuilder(kMdqpFlagMore, requestId).Inst(id, instNo, 5.0, 20000.0, 5).Build();
 }
@@ -249,20 +258,13 @@ TEST_F(ReassemblyTest, StartFlaggedAsLastMessageDoesNotStartASession) {
 }
 
 TEST_F(ReassemblyTest, StartOf44BytesDoesNotStartASessionButOf45Does) {
-    const auto start = [](size_t size) {
-        const Bytes skipped(size - 8 - 10 - 4, 0);
-        return CMdqpMessageBuilder(kMdqpFlagMore, 1)
-            .Snap(kShfeTopic)
-            .RawField(MDQP_FID_SKIP_0031, skipped.data(), skipped.size())
-            .Build();
-    };
-    const Bytes short44 = start(44);
+    const Bytes short44 = StartMessageOfSize(44);
     ASSERT_EQ(short44.size(), 44u);
     SendAt(kStartSeq, short44);
     EXPECT_EQ(Session().init, 0);
     EXPECT_EQ(Session().current_seq, 0u);
 
-    const Bytes long45 = start(45);
+    const Bytes long45 = StartMessageOfSize(45);
     ASSERT_EQ(long45.size(), 45u);
     SendAt(kStartSeq, long45);
     EXPECT_EQ(Session().init, 1);
@@ -548,19 +550,12 @@ TEST_F(ReassemblyTest, TruncatedSegmentFailsTheChecksumStep) {
 }
 
 TEST_F(ReassemblyTest, SegmentOf2036BytesPassesAndOf2037Fails) {
-    const auto start = [](size_t size) {
-        const Bytes skipped(size - 8 - 10 - 4, 0);
-        return CMdqpMessageBuilder(kMdqpFlagMore, 1)
-            .Snap(kShfeTopic)
-            .RawField(MDQP_FID_SKIP_0031, skipped.data(), skipped.size())
-            .Build();
-    };
     // TCP header and data: 20 + 2017 bytes.
-    const std::string out = Logged([&] { SendAt(kStartSeq, start(2017)); });
+    const std::string out = Logged([&] { SendAt(kStartSeq, StartMessageOfSize(2017)); });
     EXPECT_EQ(Handler(out, "[D]"), std::vector<std::string>{"tcp checksum is not correct"});
     EXPECT_EQ(Session().init, 0);
 
-    SendAt(kStartSeq, start(2016));
+    SendAt(kStartSeq, StartMessageOfSize(2016));
     EXPECT_EQ(Session().init, 1);
     EXPECT_EQ(Session().next_expt_seq, kStartSeq + 2016);
 }

@@ -63,11 +63,14 @@ TEST(ThreadTest, EnqueueAfterJoinThrows) {
     }
 }
 
-TEST(ThreadTest, JoiningTwiceIsHarmless) {
+TEST(ThreadTest, JoiningTwiceKeepsTheThreadStoppedAfterItsWork) {
+    std::atomic<int> ran{0};
     CThread worker;
+    worker.Enqueue([&ran] { ++ran; });
     worker.Join();
     worker.Join();
-    SUCCEED();
+    EXPECT_EQ(ran.load(), 1);
+    EXPECT_THROW(worker.Enqueue([] {}), std::runtime_error);
 }
 
 }  // namespace
