@@ -40,3 +40,11 @@ void CPcapWriter::Close() {
         m_pPcap = nullptr;
     }
 }
+
+void write_pcap(const std::string& path, const std::vector<std::vector<char>>& packets, int linkType,
+                int64_t timeNs) {
+    CPcapWriter writer(path, linkType, true);
+    for (const std::vector<char>& packet : packets) {
+        writer.Write(packet.data(), static_cast<uint32_t>(packet.size()), timeNs);
+    }
+}

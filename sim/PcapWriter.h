@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 struct pcap;
 struct pcap_dumper;
@@ -27,3 +28,7 @@ private:
     struct pcap_dumper* m_pDumper;
     bool m_nanosecond;
 };
+
+// Writes `packets` to a new capture at `path`, all captured at `timeNs`.
+void write_pcap(const std::string& path, const std::vector<std::vector<char>>& packets, int linkType = 1,
+                int64_t timeNs = 0);

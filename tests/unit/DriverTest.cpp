@@ -70,10 +70,7 @@ protected:
 
     std::string WriteRecords(const std::vector<std::vector<char>>& records) {
         const std::string path = m_dir.Path() + "/decoded.pcap";
-        CPcapWriter writer(path, 1, true);
-        for (const std::vector<char>& record : records) {
-            writer.Write(record.data(), static_cast<uint32_t>(record.size()), 3);
-        }
+        write_pcap(path, records, 1, 3);
         return path;
     }
 

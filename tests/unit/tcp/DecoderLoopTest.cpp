@@ -1,12 +1,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <optional>
 #include <thread>
 
 #include "public/log/CommonLog.h"
 #include "sim/MdqpBuilder.h"
 #include "sim/PcapWriter.h"
 #include "tests/support/LogLines.h"
+#include "tests/support/ReplayCard.h"
 #include "tests/support/StdoutCapture.h"
 #include "tests/support/TcpHarness.h"
 #include "tests/support/TempDir.h"
@@ -37,28 +39,10 @@ protected:
         h.enabled.mask = ENABLE_SHFE2PS;
     }
 
-    ~DecoderLoopTest() override {
-        if (m_rx != nullptr) {
-            card_release_rx_buffer(m_rx);
-            card_release_handle(m_handle);
-        }
-    }
-
     // Replays `frames` on the raw-frame port of a software card feeding the loop.
     void Replay(const std::vector<std::vector<char>>& frames) {
-        const std::string path = m_dir.Path() + "/raw.pcap";
-        {
-            CPcapWriter writer(path, 1, true);
-            for (const std::vector<char>& frame : frames) {
-                writer.Write(frame.data(), static_cast<uint32_t>(frame.size()), 0);
-            }
-        }
-        const std::string device = "replay:raw=" + path;
-        m_handle = card_acquire_handle(device.c_str());
-        ASSERT_NE(m_handle, nullptr) << card_get_last_error();
-        reg_write(card_get_devkit_registers(m_handle), REG_ORIG_DATA, 1);
-        m_rx = card_acquire_rx_buffer(m_handle, 1, 0);
-        h.tcp->InitTcp(h.registers.data(), m_rx);
+        m_card.emplace(m_dir.Path(), 1, frames);
+        h.tcp->InitTcp(h.registers.data(), m_card->Rx());
     }
 
     // One SHFE 2ps snapshot of one instrument, in two messages and two frames.
@@ -87,8 +71,7 @@ protected:
 
     CTcpHarness h;
     CTempDir m_dir;
-    CardHandle* m_handle = nullptr;
-    CardRx* m_rx = nullptr;
+    std::optional<CReplayCard> m_card;
 };
 
 class DecoderLoopStoppedClockTest : public DecoderLoopTest {

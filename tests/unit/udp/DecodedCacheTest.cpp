@@ -2,12 +2,14 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 #include "public/log/CommonLog.h"
 #include "sim/DecodedRecordBuilder.h"
 #include "sim/PcapWriter.h"
 #include "tests/support/AllocationCounter.h"
 #include "tests/support/LogLines.h"
+#include "tests/support/ReplayCard.h"
 #include "tests/support/StdoutCapture.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/UdpHarness.h"
@@ -25,29 +27,11 @@ protected:
         h.AddInstrument(7, "cu2501", 0.5, 1000.0, 10, 0);
     }
 
-    ~DecodedCacheTest() override {
-        if (m_rx != nullptr) {
-            card_release_rx_buffer(m_rx);
-            card_release_handle(m_handle);
-        }
-        free(h.cache.pCacheBuf);
-    }
+    ~DecodedCacheTest() override { free(h.cache.pCacheBuf); }
 
     void Replay(const std::vector<std::vector<char>>& frames) {
-        const std::string path = m_dir.Path() + "/decoded.pcap";
-        {
-            CPcapWriter writer(path, 1, true);
-            for (const std::vector<char>& frame : frames) {
-                writer.Write(frame.data(), static_cast<uint32_t>(frame.size()), 0);
-            }
-        }
-        const std::string device = "replay:decoded=" + path;
-        m_handle = card_acquire_handle(device.c_str());
-        ASSERT_NE(m_handle, nullptr) << card_get_last_error();
-        volatile uint32_t* registers = card_get_devkit_registers(m_handle);
-        reg_write(registers, REG_DECODE_DATA, 1);
-        m_rx = card_acquire_rx_buffer(m_handle, 0, 0);
-        h.udp.InitUdp(h.registers.data(), m_rx);
+        m_card.emplace(m_dir.Path(), 0, frames);
+        h.udp.InitUdp(h.registers.data(), m_card->Rx());
     }
 
     static std::vector<char> Record(uint32_t changeNo) {
@@ -69,8 +53,7 @@ protected:
 
     CUdpHarness h;
     CTempDir m_dir;
-    CardHandle* m_handle = nullptr;
-    CardRx* m_rx = nullptr;
+    std::optional<CReplayCard> m_card;
 };
 
 TEST_F(DecodedCacheTest, TwentyFourByteFrameIsCachedAsAThirtyTwoByteEntry) {
