@@ -27,6 +27,11 @@ public:
         Append(body, size);
         return *this;
     }
+    // Appends fields already encoded, such as those of another builder.
+    CMdqpMessageBuilder& Raw(const void* fields, size_t size) {
+        Append(fields, size);
+        return *this;
+    }
     CMdqpMessageBuilder& Snap(int16_t topicId, int32_t snapNo = 1) {
         return Field(MDQP_FID_SNAP, SnapField{topicId, snapNo});
     }

@@ -183,6 +183,7 @@ void card_release_handle(CardHandle* handle) {
 #endif
     if (handle->softCard) {
         handle->softCard->NoteEvent("handle released");
+        handle->softCard->OnHandleReleased();
     }
     if (--handle->refCount == 0) {
         g_handles.erase(handle->device);

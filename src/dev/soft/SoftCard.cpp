@@ -7,6 +7,7 @@
 
 #include "src/dev/soft/ReplayClock.h"
 #include "src/dev/soft/ReplaySource.h"
+#include "src/dev/soft/SimDevice.h"
 
 CSoftPort::CSoftPort(volatile uint32_t* registers, uint32_t streamRegister, CReplayClock& clock)
     : m_pRegisters(registers), m_streamRegister(streamRegister), m_refClock(clock) {}
@@ -99,16 +100,28 @@ CSoftCard::CSoftCard(const std::string& device, double speed, double exitSeconds
 }
 
 CSoftCard::~CSoftCard() {
+    m_pSim.reset();
     m_recorder.reset();
     free(const_cast<uint32_t*>(m_pRegisters));
 }
 
 std::unique_ptr<CSoftCard> CSoftCard::Open(const std::string& device, std::string& error) {
     if (device == "sim" || device.rfind("sim:", 0) == 0) {
-        error =
-            "the built-in exchange simulator (device = sim) is not part of this build yet; replay captures "
-            "with device = replay:raw=FILE,decoded=FILE";
-        return nullptr;
+        SimOptions options;
+        if (device.size() > 4 && !sim_parse_device_options(device.substr(4), options, error)) {
+            return nullptr;
+        }
+        if (options.shfe == 0 && options.ine == 0) {
+            error = "the simulator needs instruments: shfe and ine are both 0";
+            return nullptr;
+        }
+        std::unique_ptr<CSoftCard> card(new CSoftCard(device, 0, options.exitSeconds));
+        if (card->m_pRegisters == nullptr) {
+            error = "cannot allocate the register window";
+            return nullptr;
+        }
+        card->m_pSim = std::make_unique<CSimDevice>(options, card->m_pRegisters);
+        return card;
     }
     if (device.rfind("replay:", 0) != 0) {
         error = "'" + device + "' is not a software device (expected replay:... or sim...)";
@@ -153,13 +166,27 @@ void CSoftCard::_WatchForExit(ssize_t received) {
         m_lastActivityNs.store(monotonic_ns(), std::memory_order_relaxed);
         return;
     }
-    if (m_exitRaised.load(std::memory_order_relaxed) || !m_port0->IsIdle() || !m_port1->IsIdle()) {
+    if (m_exitRaised.load(std::memory_order_relaxed) || !_IsIdle()) {
         return;
     }
     const int64_t quietNs = monotonic_ns() - m_lastActivityNs.load(std::memory_order_relaxed);
     if (static_cast<double>(quietNs) >= m_exitSeconds * 1e9 && !m_exitRaised.exchange(true)) {
         raise(SIGINT);
     }
+}
+
+void CSoftCard::OnHandleReleased() {
+    if (m_pSim != nullptr) {
+        m_pSim->WriteExpected();
+    }
+}
+
+ssize_t CSoftCard::_ReceiveSim(CSoftPort* port, char* buf, size_t size) {
+    return port == m_port0.get() ? m_pSim->ReceiveDecoded(buf, size) : m_pSim->ReceiveRaw(buf, size);
+}
+
+bool CSoftCard::_IsIdle() const {
+    return m_pSim != nullptr ? m_pSim->IsIdle() : m_port0->IsIdle() && m_port1->IsIdle();
 }
 
 void CSoftCard::NoteEvent(const std::string& event) {

@@ -1,6 +1,6 @@
-// The software card: a stand-in for the ExaNIC card that replays captures
-// (and, later, runs the exchange simulator) behind the same contract, so the
-// feed runs unchanged on hosts without the card.
+// The software card: a stand-in for the ExaNIC card that replays captures or
+// runs the exchange simulator behind the same contract, so the feed runs
+// unchanged on hosts without the card.
 #pragma once
 
 #include <sys/types.h>
@@ -15,6 +15,7 @@
 #include "src/dev/Registers.h"
 
 class CReplayClock;
+class CSimDevice;
 
 // One captured frame, held in its port's byte store.
 struct SoftFrame {
@@ -115,6 +116,11 @@ public:
 
     // Records what the feed does to this card's registers.
     CRegisterRecorder& GetRecorder() { return *m_recorder; }
+    // Called on every release of the card's handle: the simulator writes its
+    // expected state then, since a feed that restarted holds more than one.
+    void OnHandleReleased();
+    // The exchange simulator of a "sim" device, else null.
+    CSimDevice* GetSim() { return m_pSim.get(); }
 
     // Acquisitions and releases of this card's handle and buffers, in order
     // ("handle acquired", "rx 1 acquired", "rx 0 released", ...).
@@ -125,7 +131,7 @@ public:
     // exit=S it also raises SIGINT once both ports are idle and nothing was
     // delivered for S seconds.
     ssize_t Receive(CSoftPort* port, char* buf, size_t size) {
-        const ssize_t n = port->Receive(buf, size);
+        const ssize_t n = m_pSim == nullptr ? port->Receive(buf, size) : _ReceiveSim(port, buf, size);
         if (__builtin_expect(m_exitSeconds >= 0, 0)) {
             _WatchForExit(n);
         }
@@ -135,6 +141,8 @@ public:
 private:
     CSoftCard(const std::string& device, double speed, double exitSeconds);
     void _WatchForExit(ssize_t received);
+    ssize_t _ReceiveSim(CSoftPort* port, char* buf, size_t size);
+    bool _IsIdle() const;
 
     std::string m_device;
     volatile uint32_t* m_pRegisters;
@@ -145,6 +153,7 @@ private:
     std::atomic<int64_t> m_lastActivityNs;
     std::atomic<bool> m_exitRaised{false};
     std::unique_ptr<CRegisterRecorder> m_recorder;
+    std::unique_ptr<CSimDevice> m_pSim;
     mutable std::mutex m_eventMutex;
     std::vector<std::string> m_events;
 };

@@ -189,12 +189,17 @@ TEST_F(DevFuncTest, SecondInitDevWithoutReleaseReusesTheCard) {
     card_release_handle(m_dev.GetHandle());
 }
 
-TEST_F(DevFuncTest, SimulatorIsNotYetAvailable) {
-    m_config.device = "sim";
+TEST_F(DevFuncTest, SimulatorWithABadOptionSaysWhichOne) {
+    m_config.device = "sim:shfe=lots";
     EXPECT_EQ(InitDev(), -1);
-    ASSERT_EQ(Errors().size(), 1u);
-    EXPECT_EQ(Errors()[0].rfind("get [sim] handle failed, the built-in exchange simulator", 0), 0u)
-        << Errors()[0];
+    EXPECT_EQ(Errors(), std::vector<std::string>{"get [sim:shfe=lots] handle failed, bad value 'lots' for simulator "
+                                                 "option shfe: expected a count from 0 to 16384"});
+}
+
+TEST_F(DevFuncTest, SimulatorComesUpLikeACard) {
+    m_config.device = "sim:shfe=10,ine=5";
+    EXPECT_EQ(InitDev(), 0);
+    EXPECT_TRUE(Errors().empty());
 }
 
 #if !QUVO_HAVE_EXANIC

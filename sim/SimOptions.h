@@ -1,0 +1,50 @@
+// Settings of the exchange simulator, shared by the software card's
+// "sim:key=value,..." device and quvo-sim's --key=value options.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+struct SimOptions {
+    int shfe = 200;  // instruments per exchange; 0 leaves the exchange out
+    int ine = 50;
+    uint64_t seed = 1;
+    double rate = 2000;    // decoded records per second; 0: as fast as they are read
+    uint64_t records = 0;  // stop after this many records; 0: never
+    int16_t shfeTopic = 1000;
+    int16_t ineTopic = 5000;
+    uint16_t snapPort = 33022;
+
+    // Fault rates, each a probability in [0, 1].
+    // Per snapshot segment:
+    double tcpReorder = 0;
+    double tcpDuplicate = 0;
+    double tcpLoss = 0;  // held back and retransmitted a few segments later
+    double tcpBadChecksum = 0;
+    double tcpPadding = 0;
+    double tcpOther = 0;  // a frame of another port or protocol slipped in
+    // Per snapshot: one RST+ACK part-way, then the snapshot again.
+    double tcpReset = 0;
+    // Per decoded record:
+    double gap = 0;  // a record is lost; the feed sees a change-number gap
+    double stale = 0;
+    double crossed = 0;  // a crossing record the feed must undo, then the real one
+    double unknownField = 0;
+    double shortRecord = 0;
+    double badLength = 0;  // a frame longer than the card hands over
+
+    // Software card only.
+    std::string expectPath;
+    double exitSeconds = -1;
+};
+
+// Applies one key=value setting. Returns false with `error` naming the key.
+// `forDevice` allows the software-card-only keys (expect, exit).
+bool sim_set_option(SimOptions& options, const std::string& key, const std::string& value, bool forDevice,
+                    std::string& error);
+
+// Parses "key=value,key=value" (the text after "sim:").
+bool sim_parse_device_options(const std::string& text, SimOptions& options, std::string& error);
+
+// One line per key with its meaning and default, for --help and the docs.
+std::string sim_options_help(bool forDevice);

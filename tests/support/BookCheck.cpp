@@ -1,0 +1,120 @@
+#include "tests/support/BookCheck.h"
+
+#include <cstring>
+#include <sstream>
+
+namespace {
+
+template <typename T>
+void Expect(std::vector<std::string>& out, const SimInstrumentState& inst, const char* field, const T& got,
+            const T& want) {
+    if (!(got == want)) {
+        std::ostringstream line;
+        line.precision(17);
+        line << inst.id << " (slot " << inst.slot << "): " << field << " is " << got << ", expected " << want;
+        out.push_back(line.str());
+    }
+}
+
+}  // namespace
+
+bool expect_subscribed(const SimInstrumentState& inst, const SubscriptionRules& rules) {
+    if (!(inst.exchange == ESimExchange::SHFE ? rules.shfe : rules.ine)) {
+        return false;
+    }
+    if (!rules.options && inst.id.size() > 6) {
+        return false;
+    }
+    if (rules.all) {
+        return true;
+    }
+    for (const std::string& entry : rules.insts) {
+        if ((entry.size() == 2 && inst.id.compare(0, 2, entry) == 0) || entry == inst.id.substr(0, 6)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::vector<std::string> compare_books(const share& area, const SimState& expected,
+                                       const SubscriptionRules& rules) {
+    std::vector<std::string> out;
+    int32_t counts[2] = {0, 0};
+    std::vector<bool> expectedSlot(QUVO_INST_SLOTS, false);
+    for (const SimInstrumentState& inst : expected.instruments) {
+        const int e = inst.exchange == ESimExchange::SHFE ? 0 : 1;
+        const bool enabled = e == 0 ? rules.shfe : rules.ine;
+        // Counted when the feed accepts the definition, subscribed or not.
+        if (enabled && (rules.options || inst.id.size() <= 6) && inst.instNo + 1 > counts[e]) {
+            counts[e] = inst.instNo + 1;
+        }
+        if (!expect_subscribed(inst, rules)) {
+            continue;
+        }
+        expectedSlot[static_cast<size_t>(inst.slot)] = true;
+        const instrument& got = area.instmts[inst.slot];
+        char id[sizeof(got.inst_id) + 1] = {};
+        memcpy(id, got.inst_id, sizeof(got.inst_id));
+        Expect(out, inst, "inst_id", std::string(id), inst.id.substr(0, 15));
+        Expect(out, inst, "change_no", got.change_no, inst.changeNo);
+        Expect(out, inst, "last_px", got.last_px, inst.lastPx);
+        Expect(out, inst, "volume", got.volume, inst.volume);
+        Expect(out, inst, "turnover", got.turnover, inst.turnover);
+        Expect(out, inst, "open_interest", got.open_interest, inst.openInterest);
+        Expect(out, inst, "bid_totvol", got.bid_totvol, inst.bidTotVol);
+        Expect(out, inst, "ask_totvol", got.ask_totvol, inst.askTotVol);
+        Expect(out, inst, "bid_totamount", got.bid_totamount, inst.bidTotAmount);
+        Expect(out, inst, "ask_totamount", got.ask_totamount, inst.askTotAmount);
+        Expect(out, inst, "highest_price", got.highest_price, inst.highestPrice);
+        Expect(out, inst, "lowest_price", got.lowest_price, inst.lowestPrice);
+        for (int k = 0; k < kSimPublishedLevels; ++k) {
+            const std::string level = "[" + std::to_string(k) + "]";
+            Expect(out, inst, ("bid_px" + level).c_str(), got.bid_px[k], inst.bidPx[k]);
+            Expect(out, inst, ("bid_vol" + level).c_str(), got.bid_vol[k], inst.bidVol[k]);
+            Expect(out, inst, ("ask_px" + level).c_str(), got.ask_px[k], inst.askPx[k]);
+            Expect(out, inst, ("ask_vol" + level).c_str(), got.ask_vol[k], inst.askVol[k]);
+        }
+    }
+    if (area.shfe_inst_cnt != counts[0]) {
+        out.push_back("shfe_inst_cnt is " + std::to_string(area.shfe_inst_cnt) + ", expected " +
+                      std::to_string(counts[0]));
+    }
+    if (area.ine_inst_cnt != counts[1]) {
+        out.push_back("ine_inst_cnt is " + std::to_string(area.ine_inst_cnt) + ", expected " +
+                      std::to_string(counts[1]));
+    }
+    for (size_t slot = 0; slot < QUVO_INST_SLOTS; ++slot) {
+        if (!expectedSlot[slot] && area.instmts[slot].inst_id[0] != 0) {
+            char id[sizeof(area.instmts[slot].inst_id) + 1] = {};
+            memcpy(id, area.instmts[slot].inst_id, sizeof(area.instmts[slot].inst_id));
+            out.push_back("slot " + std::to_string(slot) + " holds " + id +
+                          ", which should not be subscribed");
+        }
+    }
+    return out;
+}
+
+std::vector<std::string> check_ring(const uint16_t* ring, const share& area, size_t& announced) {
+    std::vector<std::string> out;
+    size_t end = 0;
+    while (end < QUVO_UPDATE_RING_ENTRIES && ring[end] != QUVO_UPDATE_RING_END) {
+        const uint16_t slot = ring[end];
+        if (slot >= QUVO_INST_SLOTS || area.instmts[slot].inst_id[0] == 0) {
+            out.push_back("ring entry " + std::to_string(end) + " announces slot " + std::to_string(slot) +
+                          ", which holds no instrument");
+        }
+        ++end;
+    }
+    announced = end;
+    if (end == QUVO_UPDATE_RING_ENTRIES) {
+        out.push_back("the ring has no end marker");
+    }
+    for (size_t i = end + 1; i < QUVO_UPDATE_RING_ENTRIES; ++i) {
+        if (ring[i] != QUVO_UPDATE_RING_END) {
+            out.push_back("ring entry " + std::to_string(i) + " after the end marker is " +
+                          std::to_string(ring[i]));
+            break;
+        }
+    }
+    return out;
+}

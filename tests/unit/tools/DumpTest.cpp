@@ -1,0 +1,443 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <csignal>
+#include <cstring>
+
+#include "src/api/SharedSegments.h"
+#include "src/api/UpdateRing.h"
+#include "tests/support/ShmSandbox.h"
+#include "tests/support/TempDir.h"
+#include "tools/DumpFormat.h"
+
+namespace {
+
+void set_id(instrument& inst, const char* id) {
+    memset(inst.inst_id, 0, sizeof(inst.inst_id));
+    memcpy(inst.inst_id, id, strnlen(id, sizeof(inst.inst_id)));
+}
+
+// cu2501 in SHFE slot 0: five exchange levels a side and one local bid level.
+void fill_copper(instrument& inst) {
+    inst = instrument{};
+    set_id(inst, "cu2501");
+    inst.type = 1;
+    inst.change_no = 10;
+    inst.update_time = 93015;
+    inst.update_milli_sec = 500;
+    inst.last_px = 72010.0;
+    inst.volume = 1234;
+    inst.turnover = 444370000.5;
+    inst.open_interest = 5678.0;
+    inst.bid_totvol = 100;
+    inst.ask_totvol = 200;
+    inst.bid_totamount = 7200000.0;
+    inst.ask_totamount = 14400000.25;
+    inst.highest_price = 72100.0;
+    inst.lowest_price = 71900.0;
+    for (int k = 0; k < 5; ++k) {
+        inst.bid_px[k] = 72000.0 - 10 * k;
+        inst.bid_vol[k] = 10 + k;
+        inst.ask_px[k] = 72010.0 + 10 * k;
+        inst.ask_vol[k] = 5 + k;
+    }
+    inst.bid_px[5] = 71950.0;
+    inst.bid_vol[5] = 2;
+}
+
+// sc2501, INE instrument 2, on a 0.1 tick that binary doubles cannot hold.
+void fill_crude(instrument& inst) {
+    inst = instrument{};
+    set_id(inst, "sc2501");
+    inst.change_no = 3;
+    inst.update_time = 210000;
+    inst.update_milli_sec = 5;
+    inst.last_px = 512.1;
+    inst.volume = 7;
+    inst.turnover = 3584.7;
+    inst.open_interest = 100.0;
+    inst.bid_px[0] = 512.0;
+    inst.bid_vol[0] = 1;
+    inst.ask_px[0] = 512.5;
+    inst.ask_vol[0] = 2;
+}
+
+constexpr uint32_t kCrudeSlot = 20477;
+
+TEST(DumpFormatTest, SlotsNameTheirExchangeAndInstrumentNumber) {
+    EXPECT_STREQ(exchange_name(0), "SHFE");
+    EXPECT_STREQ(exchange_name(16383), "SHFE");
+    EXPECT_STREQ(exchange_name(16384), "INE");
+    EXPECT_STREQ(exchange_name(20479), "INE");
+    EXPECT_EQ(inst_no_of(16383), 16383u);
+    EXPECT_EQ(inst_no_of(16384), 4095u);
+    EXPECT_EQ(inst_no_of(20479), 0u);
+    EXPECT_EQ(inst_no_of(quvo_ine_slot(2)), 2u);
+}
+
+TEST(DumpFormatTest, UpdateTimeReadsAsClockTime) {
+    EXPECT_EQ(format_update_time(93015, 500), "09:30:15.500");
+    EXPECT_EQ(format_update_time(0, 0), "00:00:00.000");
+    EXPECT_EQ(format_update_time(235959, 999), "23:59:59.999");
+    EXPECT_EQ(format_update_time(210000, 5), "21:00:00.005");
+}
+
+TEST(DumpFormatTest, IdentifierStopsAtNulOrSixteenBytesAndShowsOddBytes) {
+    instrument inst{};
+    memcpy(inst.inst_id, "ABCDEFGHIJKLMNOP", 16);
+    EXPECT_EQ(inst_id_text(inst), "ABCDEFGHIJKLMNOP");
+    set_id(inst, "a\tb\"c\\");
+    inst.inst_id[6] = 0xE9;
+    EXPECT_EQ(inst_id_text(inst), "a\\x09b\"c\\\\xe9");
+    EXPECT_EQ(format_json(inst, 0).substr(0, 28), "{\"id\":\"a\\u0009b\\\"c\\\\\\u00e9\",");
+}
+
+TEST(DumpFormatTest, TableShowsHeaderStatisticsAndTheLadder) {
+    instrument inst;
+    fill_copper(inst);
+    EXPECT_EQ(format_table(inst, 0),
+              "cu2501  SHFE  slot 0  inst_no 0  type 1  change_no 10  time 09:30:15.500\n"
+              "  last 72010  volume 1234  turnover 444370000.5  open_interest 5678\n"
+              "  high 72100  low 71900  bid_totvol 100  ask_totvol 200  bid_totamount 7200000"
+              "  ask_totamount 14400000.25\n"
+              "  level    bid vol         bid px | ask px             ask vol\n"
+              "      1         10          72000 | 72010                    5\n"
+              "      2         11          71990 | 72020                    6\n"
+              "      3         12          71980 | 72030                    7\n"
+              "      4         13          71970 | 72040                    8\n"
+              "      5         14          71960 | 72050                    9\n"
+              "      6          2          71950 |                             local\n"
+              "      7                           |                             local\n"
+              "      8                           |                             local\n"
+              "      9                           |                             local\n"
+              "     10                           |                             local\n");
+}
+
+TEST(DumpFormatTest, TablePrintsTicksAsWritten) {
+    instrument inst;
+    fill_crude(inst);
+    const std::string table = format_table(inst, kCrudeSlot);
+    EXPECT_EQ(table.substr(0, table.find("  level")),
+              "sc2501  INE  slot 20477  inst_no 2  type 0  change_no 3  time 21:00:00.005\n"
+              "  last 512.1  volume 7  turnover 3584.7  open_interest 100\n"
+              "  high 0  low 0  bid_totvol 0  ask_totvol 0  bid_totamount 0  ask_totamount 0\n");
+    EXPECT_NE(table.find("\n      1          1            512 | 512.5                    2\n"
+                         "      2                           |\n"),
+              std::string::npos)
+        << table;
+}
+
+TEST(DumpFormatTest, JsonHoldsEveryFieldAndAllTenLevels) {
+    instrument inst;
+    fill_copper(inst);
+    EXPECT_EQ(format_json(inst, 0),
+              "{\"id\":\"cu2501\",\"exchange\":\"SHFE\",\"slot\":0,\"inst_no\":0,\"type\":1,\"change_no\":10,"
+              "\"update_time\":93015,\"update_milli_sec\":500,\"last_px\":72010,\"volume\":1234,"
+              "\"turnover\":444370000.5,\"open_interest\":5678,\"bid_totvol\":100,\"ask_totvol\":200,"
+              "\"bid_totamount\":7200000,\"ask_totamount\":14400000.25,\"highest_price\":72100,"
+              "\"lowest_price\":71900,\"bid_px\":[72000,71990,71980,71970,71960,71950,0,0,0,0],"
+              "\"bid_vol\":[10,11,12,13,14,2,0,0,0,0],\"ask_px\":[72010,72020,72030,72040,72050,0,0,0,0,0],"
+              "\"ask_vol\":[5,6,7,8,9,0,0,0,0,0]}\n");
+}
+
+TEST(DumpFormatTest, JsonKeepsEveryDigitAndWritesNullForNonNumbers) {
+    instrument inst;
+    fill_crude(inst);
+    inst.highest_price = NAN;
+    inst.lowest_price = INFINITY;
+    const std::string json = format_json(inst, kCrudeSlot);
+    EXPECT_NE(json.find("\"exchange\":\"INE\",\"slot\":20477,\"inst_no\":2,"), std::string::npos) << json;
+    EXPECT_NE(json.find("\"last_px\":512.10000000000002,"), std::string::npos) << json;
+    EXPECT_NE(json.find("\"turnover\":3584.6999999999998,"), std::string::npos) << json;
+    EXPECT_NE(json.find("\"highest_price\":null,\"lowest_price\":null,"), std::string::npos) << json;
+    EXPECT_NE(json.find("\"ask_px\":[512.5,0,"), std::string::npos) << json;
+}
+
+TEST(DumpFormatTest, CountsAsTextAndJson) {
+    auto area = std::make_unique<share>();
+    area->shfe_inst_cnt = 2;
+    area->ine_inst_cnt = 3;
+    area->shfe_pktno = 41;
+    area->ine_pktno = -1;
+    EXPECT_EQ(format_counts_table(*area), "shfe_inst_cnt 2\nine_inst_cnt 3\nshfe_pktno 41\nine_pktno -1\n");
+    EXPECT_EQ(format_counts_json(*area),
+              "{\"shfe_inst_cnt\":2,\"ine_inst_cnt\":3,\"shfe_pktno\":41,\"ine_pktno\":-1}\n");
+}
+
+struct RunResult {
+    int status;  // exit code, or minus the signal that ended the process
+    std::string out;
+    std::string err;
+};
+
+int decode_status(int status) {
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+// quvo-dump as a child process; standard error goes to a file, standard
+// output to a file or, for following it while it runs, a pipe.
+class CDumpProcess {
+public:
+    CDumpProcess(const std::vector<std::string>& args, bool pipeOut) {
+        std::vector<char*> argv{const_cast<char*>(QUVO_DUMP_PATH)};
+        for (const std::string& arg : args) {
+            argv.push_back(const_cast<char*>(arg.c_str()));
+        }
+        argv.push_back(nullptr);
+        const std::string outPath = m_dir.Path() + "/out";
+        const std::string errPath = m_dir.Path() + "/err";
+        int fds[2] = {-1, -1};
+        if (pipeOut && pipe(fds) != 0) {
+            ADD_FAILURE() << "pipe: " << strerror(errno);
+            return;
+        }
+        m_pid = fork();
+        if (m_pid == 0) {
+            const int out = pipeOut ? fds[1] : open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            dup2(out, STDOUT_FILENO);
+            dup2(err, STDERR_FILENO);
+            if (pipeOut) {
+                close(fds[0]);
+            }
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        if (pipeOut) {
+            close(fds[1]);
+            m_outFd = fds[0];
+        }
+    }
+
+    ~CDumpProcess() {
+        if (m_pid > 0) {
+            kill(m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
+        }
+        if (m_outFd >= 0) {
+            close(m_outFd);
+        }
+    }
+
+    pid_t Pid() const { return m_pid; }
+
+    // Next line from the piped standard output, without its newline; false at
+    // the end. The wait bound only keeps a broken tool from hanging the test.
+    bool ReadLine(std::string& line) {
+        size_t end;
+        while ((end = m_pending.find('\n')) == std::string::npos) {
+            pollfd ready{m_outFd, POLLIN, 0};
+            if (poll(&ready, 1, 30000) != 1) {
+                ADD_FAILURE() << "quvo-dump printed nothing for 30 s";
+                kill(m_pid, SIGKILL);
+                return false;
+            }
+            char buffer[4096];
+            const ssize_t got = read(m_outFd, buffer, sizeof(buffer));
+            if (got <= 0) {
+                return false;
+            }
+            m_pending.append(buffer, static_cast<size_t>(got));
+        }
+        line = m_pending.substr(0, end);
+        m_pending.erase(0, end + 1);
+        return true;
+    }
+
+    // Reads the piped output to its end, then reaps the process.
+    RunResult Wait() {
+        RunResult result{-1000, "", ""};
+        std::string line;
+        std::string lines;
+        while (m_outFd >= 0 && ReadLine(line)) {
+            lines += line + "\n";
+        }
+        m_pending = lines + m_pending;
+        int status = 0;
+        if (waitpid(m_pid, &status, 0) == m_pid) {
+            result.status = decode_status(status);
+        }
+        m_pid = -1;
+        result.out = m_outFd >= 0 ? m_pending : read_file(m_dir.Path() + "/out");
+        result.err = read_file(m_dir.Path() + "/err");
+        return result;
+    }
+
+private:
+    CTempDir m_dir;
+    pid_t m_pid = -1;
+    int m_outFd = -1;
+    std::string m_pending;
+};
+
+RunResult run_dump(const std::vector<std::string>& args) {
+    return CDumpProcess(args, false).Wait();
+}
+
+class DumpToolTest : public ::testing::Test {
+protected:
+    DumpToolTest() : m_segments(attach_shared_segments()), m_ring(m_segments.pUpdateRing) {
+        share& area = *m_segments.pMdArea;
+        fill_copper(area.instmts[0]);
+        set_id(area.instmts[1], "al2501");
+        area.instmts[1].last_px = 20000.0;
+        fill_crude(area.instmts[kCrudeSlot]);
+        area.shfe_inst_cnt = 2;
+        area.ine_inst_cnt = 3;
+        area.shfe_pktno = 41;
+        area.ine_pktno = 17;
+    }
+    ~DumpToolTest() override { detach_shared_segments(m_segments); }
+
+    instrument& Slot(uint32_t slot) { return m_segments.pMdArea->instmts[slot]; }
+
+    CShmSandbox m_sandbox;
+    SharedSegments m_segments;
+    CUpdateRing m_ring;
+};
+
+TEST_F(DumpToolTest, JsonForTheGivenIdsInTheirOrder) {
+    const RunResult result = run_dump({"--json", "sc2501", "cu2501"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, format_json(Slot(kCrudeSlot), kCrudeSlot) + format_json(Slot(0), 0));
+    EXPECT_EQ(result.err, "");
+}
+
+TEST_F(DumpToolTest, TablesForEveryInstrumentInUseByDefault) {
+    const std::string expected = format_table(Slot(0), 0) + "\n" + format_table(Slot(1), 1) + "\n" +
+                                 format_table(Slot(kCrudeSlot), kCrudeSlot);
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{}, std::vector<std::string>{"--all"}}) {
+        const RunResult result = run_dump(args);
+        EXPECT_EQ(result.status, 0);
+        EXPECT_EQ(result.out, expected);
+    }
+}
+
+TEST_F(DumpToolTest, CountsAloneOrBeforeTheInstruments) {
+    RunResult result = run_dump({"--counts"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "shfe_inst_cnt 2\nine_inst_cnt 3\nshfe_pktno 41\nine_pktno 17\n");
+    result = run_dump({"--counts", "--json"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "{\"shfe_inst_cnt\":2,\"ine_inst_cnt\":3,\"shfe_pktno\":41,\"ine_pktno\":17}\n");
+    result = run_dump({"--counts", "--json", "al2501"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, format_counts_json(*m_segments.pMdArea) + format_json(Slot(1), 1));
+}
+
+TEST_F(DumpToolTest, UnknownIdsAreNamedWithStatusOne) {
+    const RunResult result = run_dump({"xx9999", "cu2501", "cu250"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, format_table(Slot(0), 0));
+    EXPECT_EQ(result.err, "quvo-dump: no instrument in use with the identifier: xx9999, cu250\n");
+}
+
+TEST_F(DumpToolTest, BadOptionsPrintTheUsageWithStatusTwo) {
+    const std::vector<std::vector<std::string>> cases = {
+        {"--bogus"},
+        {"--count", "3"},
+        {"--watch", "--count", "0"},
+        {"--watch", "--count"},
+        {"--all", "cu2501"},
+        {"--interval=x"},
+        {"--watch", "--json", "--interval", "5"},
+        {"--watch", "--counts"},
+        {"--json=1"},
+    };
+    for (const std::vector<std::string>& args : cases) {
+        const RunResult result = run_dump(args);
+        EXPECT_EQ(result.status, 2) << args[0];
+        EXPECT_EQ(result.out, "") << args[0];
+        EXPECT_EQ(result.err.rfind("quvo-dump: ", 0), 0u) << result.err;
+        EXPECT_NE(result.err.find("\nUsage: quvo-dump [options] [ID ...]\n"), std::string::npos)
+            << result.err;
+    }
+    EXPECT_EQ(run_dump({"--bogus"}).err.rfind("quvo-dump: unknown option --bogus\n", 0), 0u);
+}
+
+TEST_F(DumpToolTest, HelpDocumentsEveryOptionAndTheKeyDirectory) {
+    const RunResult result = run_dump({"--help"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "");
+    for (const char* word : {"--all", "--json", "--counts", "--watch", "--interval MS", "--count N", "--help",
+                             "QUVO_KEY_DIR", "/etc", "key_f", "key_e", "SIGINT", "SIGTERM"}) {
+        EXPECT_NE(result.out.find(word), std::string::npos) << word;
+    }
+}
+
+TEST_F(DumpToolTest, WatchReprintsAnnouncedInstrumentsUntilTheCount) {
+    CDumpProcess dump({"--watch", "--json", "--count", "3"}, true);
+    std::string line;
+    for (uint32_t slot : {0u, 1u, kCrudeSlot}) {
+        ASSERT_TRUE(dump.ReadLine(line));
+        EXPECT_EQ(line + "\n", format_json(Slot(slot), slot));
+    }
+    // Slot 5 is not in use, so its announcement is not one of the three.
+    m_ring.Publish(5);
+    for (uint32_t slot : {1u, kCrudeSlot, 0u}) {
+        Slot(slot).change_no += 100;
+        m_ring.Publish(slot);
+    }
+    const RunResult result = dump.Wait();
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out,
+              format_json(Slot(1), 1) + format_json(Slot(kCrudeSlot), kCrudeSlot) + format_json(Slot(0), 0));
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(Slot(0).change_no, 110u);
+}
+
+TEST_F(DumpToolTest, WatchWaitsForIdsNotInUseYetAndWarnsOnce) {
+    CDumpProcess dump({"--watch", "--json", "--count", "2", "cu2501", "zn2501"}, true);
+    std::string line;
+    ASSERT_TRUE(dump.ReadLine(line));
+    EXPECT_EQ(line + "\n", format_json(Slot(0), 0));
+    set_id(Slot(2), "zn2501");
+    Slot(2).last_px = 24000.0;
+    m_segments.pMdArea->shfe_inst_cnt = 3;
+    m_ring.Publish(1);  // al2501 was not asked for
+    m_ring.Publish(2);
+    m_ring.Publish(kCrudeSlot);
+    m_ring.Publish(0);
+    const RunResult result = dump.Wait();
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, format_json(Slot(2), 2) + format_json(Slot(0), 0));
+    EXPECT_EQ(result.err, "quvo-dump: not in use yet, waiting for: zn2501\n");
+}
+
+TEST_F(DumpToolTest, WatchStopsCleanlyOnSigintAndSigterm) {
+    for (int stopSignal : {SIGINT, SIGTERM}) {
+        CDumpProcess dump({"--watch", "cu2501"}, true);
+        std::string line;
+        ASSERT_TRUE(dump.ReadLine(line));
+        EXPECT_EQ(line, "cu2501  SHFE  slot 0  inst_no 0  type 1  change_no 10  time 09:30:15.500");
+        ASSERT_EQ(kill(dump.Pid(), stopSignal), 0);
+        const RunResult result = dump.Wait();
+        EXPECT_EQ(result.status, 0) << strsignal(stopSignal);
+        EXPECT_EQ(result.err, "");
+    }
+}
+
+class DumpWithoutSegmentsTest : public ::testing::Test {
+protected:
+    CShmSandbox m_sandbox;
+};
+
+TEST_F(DumpWithoutSegmentsTest, AttachErrorIsPrintedAsTheReaderGivesIt) {
+    RunResult result = run_dump({"--json", "cu2501"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "no market-data segment for key file " + m_sandbox.RingKeyPath() +
+                              ": is quvo-md running on this host?\n");
+    setenv(QUVO_KEY_DIR_ENV, (m_sandbox.Dir() + "/absent").c_str(), 1);
+    result = run_dump({"--watch"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err,
+              "key file " + m_sandbox.Dir() + "/absent/key_f does not exist: is QUVO_KEY_DIR right?\n");
+}
+
+}  // namespace
