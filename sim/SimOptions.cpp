@@ -1,11 +1,12 @@
 #include "sim/SimOptions.h"
 
+#include "src/dev/soft/DeviceOptions.h"
+
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <functional>
 #include <limits>
-#include <set>
 #include <vector>
 
 namespace {
@@ -167,33 +168,12 @@ bool sim_set_option(SimOptions& options, const std::string& key, const std::stri
 }
 
 bool sim_parse_device_options(const std::string& text, SimOptions& options, std::string& error) {
-    std::set<std::string> seen;
-    size_t start = 0;
-    while (start <= text.size()) {
-        size_t comma = text.find(',', start);
-        if (comma == std::string::npos) {
-            comma = text.size();
-        }
-        const std::string item = text.substr(start, comma - start);
-        start = comma + 1;
-        if (item.empty()) {
-            continue;
-        }
-        const size_t equals = item.find('=');
-        if (equals == std::string::npos) {
-            error = "simulator option '" + item + "' has no value (expected key=value)";
-            return false;
-        }
-        const std::string key = item.substr(0, equals);
-        if (!seen.insert(key).second) {
-            error = "simulator option " + key + " is given twice";
-            return false;
-        }
-        if (!sim_set_option(options, key, item.substr(equals + 1), true, error)) {
-            return false;
-        }
-    }
-    return true;
+    return for_each_device_option(
+        text, "simulator",
+        [&options](const std::string& key, const std::string& value, std::string& why) {
+            return sim_set_option(options, key, value, true, why);
+        },
+        error);
 }
 
 std::string sim_options_help(bool forDevice) {

@@ -1,11 +1,12 @@
 #include "src/dev/soft/ReplaySource.h"
 
+#include "src/dev/soft/DeviceOptions.h"
+
 #include <pcap/pcap.h>
 
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
-#include <set>
 
 namespace {
 
@@ -24,47 +25,26 @@ bool ParseSeconds(const std::string& key, const std::string& value, double& out,
 }  // namespace
 
 bool parse_replay_options(const std::string& text, ReplayOptions& options, std::string& error) {
-    std::set<std::string> seen;
-    size_t start = 0;
-    while (start <= text.size()) {
-        size_t comma = text.find(',', start);
-        if (comma == std::string::npos) {
-            comma = text.size();
-        }
-        const std::string item = text.substr(start, comma - start);
-        start = comma + 1;
-        if (item.empty()) {
-            continue;
-        }
-        const size_t equals = item.find('=');
-        if (equals == std::string::npos) {
-            error = "replay option '" + item + "' has no value (expected key=value)";
-            return false;
-        }
-        const std::string key = item.substr(0, equals);
-        const std::string value = item.substr(equals + 1);
-        if (!seen.insert(key).second) {
-            error = "replay option " + key + " is given twice";
-            return false;
-        }
+    const auto apply = [&options](const std::string& key, const std::string& value, std::string& why) {
         if (key == "raw" || key == "decoded") {
             if (value.empty()) {
-                error = "replay option " + key + " needs a file name";
+                why = "replay option " + key + " needs a file name";
                 return false;
             }
             (key == "raw" ? options.raw : options.decoded) = value;
-        } else if (key == "speed") {
-            if (!ParseSeconds(key, value, options.speed, error)) {
-                return false;
-            }
-        } else if (key == "exit") {
-            if (!ParseSeconds(key, value, options.exitSeconds, error)) {
-                return false;
-            }
-        } else {
-            error = "unknown replay option '" + key + "' (expected raw, decoded, speed, exit)";
-            return false;
+            return true;
         }
+        if (key == "speed") {
+            return ParseSeconds(key, value, options.speed, why);
+        }
+        if (key == "exit") {
+            return ParseSeconds(key, value, options.exitSeconds, why);
+        }
+        why = "unknown replay option '" + key + "' (expected raw, decoded, speed, exit)";
+        return false;
+    };
+    if (!for_each_device_option(text, "replay", apply, error)) {
+        return false;
     }
     if (options.raw.empty() && options.decoded.empty()) {
         error = "replay needs raw=FILE, decoded=FILE or both";

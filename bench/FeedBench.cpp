@@ -1,0 +1,124 @@
+// The whole feed, in this process, replaying a session written by quvo-sim at
+// full speed: the time until the snapshot is loaded and the records a second
+// through the replay and live phases. A register tap timestamps the feed's
+// own register writes, so nothing is added to the feed's loops but a counter
+// behind the tap's one branch (the feed writes register 12 for every record).
+#include <benchmark/benchmark.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "src/ExanicMdImpl.h"
+#include "src/dev/Registers.h"
+#include "src/dev/soft/ReplayClock.h"
+
+namespace {
+
+constexpr uint64_t kRecords = 1000000;
+constexpr uint32_t kSampleEvery = 1024;
+
+int g_running = 1;
+void Stop(int) {
+    __atomic_store_n(&g_running, 0, __ATOMIC_RELAXED);
+}
+
+class CTimingTap final : public CRegisterTap {
+public:
+    void OnRegisterRead(volatile uint32_t*, uint32_t, uint32_t) override {}
+    void OnRegisterWrite(volatile uint32_t*, uint32_t index, uint32_t value) override {
+        if (index == REG_HOST_TIMESTAMP) {
+            if (++records % kSampleEvery == 0) {
+                lastSampleNs = monotonic_ns();
+                recordsAtSample = records;
+            }
+        } else if (index == REG_RESET && value == 1 && cardReadyNs == 0) {
+            cardReadyNs = monotonic_ns();
+        } else if (index == REG_ORIG_DATA && value == 0 && snapshotDoneNs == 0) {
+            snapshotDoneNs = monotonic_ns();
+            recordsAtSnapshot = records;
+        }
+    }
+    uint64_t records = 0;
+    uint64_t recordsAtSample = 0;
+    uint64_t recordsAtSnapshot = 0;
+    int64_t lastSampleNs = 0;
+    int64_t cardReadyNs = 0;
+    int64_t snapshotDoneNs = 0;
+};
+
+// One capture for every repetition, written by quvo-sim once.
+const std::string& SessionDir() {
+    static const std::string dir = [] {
+        const char* given = getenv("QUVO_FEED_BENCH_DIR");
+        std::string path = given != nullptr ? given : "/tmp/quvo-feed-bench";
+        std::filesystem::create_directories(path + "/keys");
+        std::ofstream(path + "/keys/key_f").close();
+        std::ofstream(path + "/keys/key_e").close();
+        if (!std::filesystem::exists(path + "/expect.json")) {
+            const std::string command = std::string(QUVO_SIM_PATH) + " --records " +
+                                        std::to_string(kRecords) + " --shfe 2000 --ine 500 --seed 1 --raw " +
+                                        path + "/raw.pcap --decoded " + path + "/decoded.pcap --expect " +
+                                        path + "/expect.json";
+            if (system(command.c_str()) != 0) {
+                fprintf(stderr, "quvo-sim failed: %s\n", command.c_str());
+                exit(1);
+            }
+        }
+        std::ofstream(path + "/feed.ini")
+            << "[config]\ndevice = replay:raw=" << path << "/raw.pcap,decoded=" << path
+            << "/decoded.pcap,exit=0.2\ninsts = all\nshfe2ps = enabled\nine2ps = enabled\ncpucore = -1\n"
+               "log_level = 1\n";
+        setenv("QUVO_KEY_DIR", (path + "/keys").c_str(), 1);
+        return path;
+    }();
+    return dir;
+}
+
+void RemoveSegments(const std::string& dir) {
+    for (const char* file : {"/keys/key_f", "/keys/key_e"}) {
+        const int id = shmget(ftok((dir + file).c_str(), 0x52), 0, 0);
+        if (id >= 0) {
+            shmctl(id, IPC_RMID, nullptr);
+        }
+    }
+}
+
+void BM_FeedReplay(benchmark::State& state) {
+    const std::string& dir = SessionDir();
+    signal(SIGINT, Stop);
+    for (auto _ : state) {
+        CTimingTap tap;
+        g_registerTap.store(&tap, std::memory_order_relaxed);
+        g_running = 1;
+        const int64_t startNs = monotonic_ns();
+        const int result = quvo_recv((dir + "/feed.ini").c_str(), &g_running);
+        g_registerTap.store(nullptr, std::memory_order_relaxed);
+        if (result != 0 || tap.snapshotDoneNs == 0 || tap.lastSampleNs <= tap.snapshotDoneNs) {
+            state.SkipWithError("the feed did not load the snapshot and run live");
+            break;
+        }
+        const double liveSeconds = static_cast<double>(tap.lastSampleNs - tap.snapshotDoneNs) * 1e-9;
+        state.SetIterationTime(static_cast<double>(tap.snapshotDoneNs - startNs) * 1e-9);
+        state.counters["snapshot_ms_from_start"] = static_cast<double>(tap.snapshotDoneNs - startNs) * 1e-6;
+        state.counters["snapshot_ms_from_card"] =
+            static_cast<double>(tap.snapshotDoneNs - tap.cardReadyNs) * 1e-6;
+        state.counters["records_before_snapshot"] = static_cast<double>(tap.recordsAtSnapshot);
+        state.counters["records_after_snapshot"] =
+            static_cast<double>(tap.recordsAtSample - tap.recordsAtSnapshot);
+        state.counters["records_per_s"] =
+            static_cast<double>(tap.recordsAtSample - tap.recordsAtSnapshot) / liveSeconds;
+    }
+    RemoveSegments(dir);
+}
+BENCHMARK(BM_FeedReplay)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
