@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -33,14 +34,17 @@ extern "C" int quvo_recv(const char* config_path, int* running) {
 
     // The process's heap memory goes with any return; the card and the
     // segments are released only on an orderly stop.
-    std::unique_ptr<char, decltype(&free)> cacheArea(
-        static_cast<char*>(calloc(1, CExanicUdpFunc::kCacheSize)), free);
+    std::unique_ptr<char, decltype(&free)> cacheArea(static_cast<char*>(malloc(CExanicUdpFunc::kCacheSize)),
+                                                     free);
     CacheBufInfo cache{};
     cache.pCacheBuf = cacheArea.get();
     if (cache.pCacheBuf == nullptr) {
         QUVO_LOG(LOG_ERROR, "failed to allocate the decode buffer");
         return -1;
     }
+    // Zero-filled here rather than by calloc, so that every page is mapped
+    // now and caching never takes a page fault.
+    memset(cache.pCacheBuf, 0, CExanicUdpFunc::kCacheSize);
     ExanicMdConfigData config;
     UEnableMask enabledMask{};
     UEnableMask finishedMask{};
