@@ -316,7 +316,7 @@ bool CExchangeModel::Step(unsigned exchanges, SimFrames& out) {
         Change crossing;
         crossing.levels.push_back(
             {kBid, 1, PRICE_EVENT_UPDATE, inst.side[kAsk].front().offset, inst.side[kBid].front().volume});
-        _Emit(_Encode(inst, inst.state.changeNo + 1, crossing), out);
+        out.Add(_Encode(inst, inst.state.changeNo + 1, crossing));
     }
 
     Change change;
@@ -368,21 +368,17 @@ bool CExchangeModel::Step(unsigned exchanges, SimFrames& out) {
         m_lastLost = true;
         return true;
     }
-    _Emit(record, out);
+    out.Add(record);
     if (m_history.size() < 64) {
         m_history.push_back(record);
     } else {
         m_history[m_historyNext++ % m_history.size()] = record;
     }
     if (m_history.size() > 1 && m_faults.Chance(m_options.stale)) {
-        _Emit(m_history[static_cast<size_t>(m_faults.Between(0, static_cast<int64_t>(m_history.size()) - 2))],
-              out);
+        out.Add(
+            m_history[static_cast<size_t>(m_faults.Between(0, static_cast<int64_t>(m_history.size()) - 2))]);
     }
     return true;
-}
-
-void CExchangeModel::_Emit(const std::vector<char>& record, SimFrames& out) {
-    out.Add(record);
 }
 
 void CExchangeModel::_Act(Instrument& inst, Change& change) {

@@ -123,7 +123,6 @@ private:
     void _RemoveLevel(Instrument& inst, int side, size_t index, std::vector<Event>& events);
     void _SetVolume(Instrument& inst, int side, size_t index, int32_t volume, std::vector<Event>& events);
     std::vector<char> _Encode(const Instrument& inst, uint32_t changeNo, const Change& change);
-    void _Emit(const std::vector<char>& record, SimFrames& out);
     double _Price(const Instrument& inst, int32_t offset) const;
     uint32_t _SnapTime() const;
     uint16_t _Millisec() const;

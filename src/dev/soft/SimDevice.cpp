@@ -125,7 +125,6 @@ ssize_t CSimDevice::ReceiveDecoded(char* buf, size_t size) {
             return 0;  // the record was lost on purpose
         }
     }
-    m_decodedFrames.fetch_add(1, std::memory_order_relaxed);
     return _Deliver(m_pending, m_pendingNext, m_pendingOffset, buf, size);
 }
 

@@ -28,9 +28,6 @@ public:
     // Every record sent (when a limit is set) and no snapshot frame waiting.
     bool IsIdle() const;
 
-    uint64_t GetSnapshotCount() const { return m_published.load(std::memory_order_relaxed); }
-    uint64_t GetDecodedFrames() const { return m_decodedFrames.load(std::memory_order_relaxed); }
-
 private:
     struct Batch {
         SimFrames frames;
@@ -57,7 +54,6 @@ private:
     std::atomic<Batch*> m_handOver{nullptr};
     std::atomic<uint64_t> m_published{0};
     std::atomic<uint64_t> m_consumed{0};
-    std::atomic<uint64_t> m_decodedFrames{0};
     std::atomic<bool> m_recordsDone{false};
     // Snapshot thread.
     std::unique_ptr<Batch> m_current;
