@@ -16,8 +16,10 @@
  *   - An update the feed rejected and restored is never announced.
  *   - If the feed restarts, it refills the ring with end markers and starts
  *     again at entry 0: a follower further on waits until the feed gets back
- *     to its position. If the segments are removed and created anew, an
- *     attached reader keeps seeing the old ones; attach again.
+ *     to its position unless it calls CheckRestart() (which cannot see a
+ *     restart once the new feed has passed the follower's position). If the
+ *     segments are removed and created anew, an attached reader keeps seeing
+ *     the old ones; attach again.
  * The feed writes without a lock, so a record copied while it is being
  * written can mix old and new fields: use quvo_copy_consistent.
  */
@@ -206,6 +208,18 @@ public:
 
     // Index of the next entry to read; wraps from 65535 to 0.
     uint16_t Index() const { return m_index; }
+
+    // Whether a new feed process has reset the ring behind this follower: at
+    // the end marker, with the ring's first end marker before it. If so, the
+    // follower goes back to entry 0 and reads what the new feed announced.
+    // Costs a scan of the ring up to the index: call it when idle, not per poll.
+    bool CheckRestart() {
+        if (_Load(m_pEntries, m_index) != QUVO_UPDATE_RING_END || _FindEnd(m_pEntries) >= m_index) {
+            return false;
+        }
+        m_index = 0;
+        return true;
+    }
 
 private:
     static uint16_t _FindEnd(const uint16_t* entries) {

@@ -23,6 +23,11 @@ need_header gtest/gtest.h libgtest-dev
 need_header benchmark/benchmark.h libbenchmark-dev
 need_header pcap/pcap.h libpcap-dev
 need_command clang clang
+need_header ncurses.h libncurses-dev
+need_command tmux tmux
+# The Python tests run on Debian's interpreter, where python3-numpy installs.
+need_command /usr/bin/python3 python3
+[ -d /usr/lib/python3/dist-packages/numpy ] || missing+=(python3-numpy)
 
 sudo=""
 if [ "$(id -u)" -ne 0 ]; then

@@ -4,18 +4,28 @@
 #include <sys/shm.h>
 
 #include <cstdlib>
+#include <filesystem>
 
 #include "interface/commonheader.h"
 
 CShmSandbox::CShmSandbox() {
-    m_dir.WriteFile(QUVO_UPDATE_RING_KEY_FILE, "");
-    m_dir.WriteFile(QUVO_MD_AREA_KEY_FILE, "");
+    // Earlier candidates stay on disk, so their inodes are not handed out again.
+    for (int attempt = 0; attempt < 64; ++attempt) {
+        const std::string sub = "keys" + std::to_string(attempt);
+        std::filesystem::create_directory(m_dir.Path() + "/" + sub);
+        m_dir.WriteFile(sub + "/" QUVO_UPDATE_RING_KEY_FILE, "");
+        m_dir.WriteFile(sub + "/" QUVO_MD_AREA_KEY_FILE, "");
+        m_keyDir = m_dir.Path() + "/" + sub;
+        if (SegmentId(RingKeyPath()) < 0 && SegmentId(AreaKeyPath()) < 0) {
+            break;
+        }
+    }
     const char* saved = getenv(QUVO_KEY_DIR_ENV);
     m_hadKeyDir = saved != nullptr;
     if (m_hadKeyDir) {
         m_savedKeyDir = saved;
     }
-    setenv(QUVO_KEY_DIR_ENV, m_dir.Path().c_str(), 1);
+    setenv(QUVO_KEY_DIR_ENV, m_keyDir.c_str(), 1);
 }
 
 CShmSandbox::~CShmSandbox() {

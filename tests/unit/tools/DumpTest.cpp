@@ -1,7 +1,4 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -10,6 +7,7 @@
 
 #include "src/api/SharedSegments.h"
 #include "src/api/UpdateRing.h"
+#include "tests/support/PipedProcess.h"
 #include "tests/support/ShmSandbox.h"
 #include "tests/support/TempDir.h"
 #include "tools/DumpFormat.h"
@@ -168,114 +166,8 @@ TEST(DumpFormatTest, CountsAsTextAndJson) {
               "{\"shfe_inst_cnt\":2,\"ine_inst_cnt\":3,\"shfe_pktno\":41,\"ine_pktno\":-1}\n");
 }
 
-struct RunResult {
-    int status;  // exit code, or minus the signal that ended the process
-    std::string out;
-    std::string err;
-};
-
-int decode_status(int status) {
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
-
-// quvo-dump as a child process; standard error goes to a file, standard
-// output to a file or, for following it while it runs, a pipe.
-class CDumpProcess {
-public:
-    CDumpProcess(const std::vector<std::string>& args, bool pipeOut) {
-        std::vector<char*> argv{const_cast<char*>(QUVO_DUMP_PATH)};
-        for (const std::string& arg : args) {
-            argv.push_back(const_cast<char*>(arg.c_str()));
-        }
-        argv.push_back(nullptr);
-        const std::string outPath = m_dir.Path() + "/out";
-        const std::string errPath = m_dir.Path() + "/err";
-        int fds[2] = {-1, -1};
-        if (pipeOut && pipe(fds) != 0) {
-            ADD_FAILURE() << "pipe: " << strerror(errno);
-            return;
-        }
-        m_pid = fork();
-        if (m_pid == 0) {
-            const int out = pipeOut ? fds[1] : open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            dup2(out, STDOUT_FILENO);
-            dup2(err, STDERR_FILENO);
-            if (pipeOut) {
-                close(fds[0]);
-            }
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-        if (pipeOut) {
-            close(fds[1]);
-            m_outFd = fds[0];
-        }
-    }
-
-    ~CDumpProcess() {
-        if (m_pid > 0) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-        }
-        if (m_outFd >= 0) {
-            close(m_outFd);
-        }
-    }
-
-    pid_t Pid() const { return m_pid; }
-
-    // Next line from the piped standard output, without its newline; false at
-    // the end. The wait bound only keeps a broken tool from hanging the test.
-    bool ReadLine(std::string& line) {
-        size_t end;
-        while ((end = m_pending.find('\n')) == std::string::npos) {
-            pollfd ready{m_outFd, POLLIN, 0};
-            if (poll(&ready, 1, 30000) != 1) {
-                ADD_FAILURE() << "quvo-dump printed nothing for 30 s";
-                kill(m_pid, SIGKILL);
-                return false;
-            }
-            char buffer[4096];
-            const ssize_t got = read(m_outFd, buffer, sizeof(buffer));
-            if (got <= 0) {
-                return false;
-            }
-            m_pending.append(buffer, static_cast<size_t>(got));
-        }
-        line = m_pending.substr(0, end);
-        m_pending.erase(0, end + 1);
-        return true;
-    }
-
-    // Reads the piped output to its end, then reaps the process.
-    RunResult Wait() {
-        RunResult result{-1000, "", ""};
-        std::string line;
-        std::string lines;
-        while (m_outFd >= 0 && ReadLine(line)) {
-            lines += line + "\n";
-        }
-        m_pending = lines + m_pending;
-        int status = 0;
-        if (waitpid(m_pid, &status, 0) == m_pid) {
-            result.status = decode_status(status);
-        }
-        m_pid = -1;
-        result.out = m_outFd >= 0 ? m_pending : read_file(m_dir.Path() + "/out");
-        result.err = read_file(m_dir.Path() + "/err");
-        return result;
-    }
-
-private:
-    CTempDir m_dir;
-    pid_t m_pid = -1;
-    int m_outFd = -1;
-    std::string m_pending;
-};
-
 RunResult run_dump(const std::vector<std::string>& args) {
-    return CDumpProcess(args, false).Wait();
+    return run_piped(QUVO_DUMP_PATH, args);
 }
 
 class DumpToolTest : public ::testing::Test {
@@ -371,7 +263,7 @@ TEST_F(DumpToolTest, HelpDocumentsEveryOptionAndTheKeyDirectory) {
 }
 
 TEST_F(DumpToolTest, WatchReprintsAnnouncedInstrumentsUntilTheCount) {
-    CDumpProcess dump({"--watch", "--json", "--count", "3"}, true);
+    CPipedProcess dump(QUVO_DUMP_PATH, {"--watch", "--json", "--count", "3"}, true);
     std::string line;
     for (uint32_t slot : {0u, 1u, kCrudeSlot}) {
         ASSERT_TRUE(dump.ReadLine(line));
@@ -392,7 +284,7 @@ TEST_F(DumpToolTest, WatchReprintsAnnouncedInstrumentsUntilTheCount) {
 }
 
 TEST_F(DumpToolTest, WatchWaitsForIdsNotInUseYetAndWarnsOnce) {
-    CDumpProcess dump({"--watch", "--json", "--count", "2", "cu2501", "zn2501"}, true);
+    CPipedProcess dump(QUVO_DUMP_PATH, {"--watch", "--json", "--count", "2", "cu2501", "zn2501"}, true);
     std::string line;
     ASSERT_TRUE(dump.ReadLine(line));
     EXPECT_EQ(line + "\n", format_json(Slot(0), 0));
@@ -411,7 +303,7 @@ TEST_F(DumpToolTest, WatchWaitsForIdsNotInUseYetAndWarnsOnce) {
 
 TEST_F(DumpToolTest, WatchStopsCleanlyOnSigintAndSigterm) {
     for (int stopSignal : {SIGINT, SIGTERM}) {
-        CDumpProcess dump({"--watch", "cu2501"}, true);
+        CPipedProcess dump(QUVO_DUMP_PATH, {"--watch", "cu2501"}, true);
         std::string line;
         ASSERT_TRUE(dump.ReadLine(line));
         EXPECT_EQ(line, "cu2501  SHFE  slot 0  inst_no 0  type 1  change_no 10  time 09:30:15.500");

@@ -165,6 +165,65 @@ TEST_F(ReaderTest, FollowerCaughtBetweenTheTwoStoresOfTheLastEntryStartsThere) {
     EXPECT_FALSE(follower.Next(slot));
 }
 
+TEST_F(ReaderTest, FollowerNoticesARingResetByANewFeedAndRereadsFromZero) {
+    for (uint32_t n = 0; n < 100; ++n) {
+        m_ring.Publish(n);
+    }
+    CRingFollower follower(m_reader.Ring());
+    ASSERT_EQ(follower.Index(), 100);
+    // A new feed process: the ring refilled with end markers, three announcements.
+    CUpdateRing restarted(m_segments.pUpdateRing);
+    restarted.Reset();
+    for (uint32_t slot : {7u, 8u, 9u}) {
+        restarted.Publish(slot);
+    }
+    uint16_t slot = 0;
+    EXPECT_FALSE(follower.Next(slot));
+    EXPECT_TRUE(follower.CheckRestart());
+    EXPECT_EQ(follower.Index(), 0);
+    for (uint16_t expected : {7, 8, 9}) {
+        ASSERT_TRUE(follower.Next(slot));
+        EXPECT_EQ(slot, expected);
+    }
+    EXPECT_FALSE(follower.Next(slot));
+    EXPECT_FALSE(follower.CheckRestart());
+    EXPECT_EQ(follower.Index(), 3);
+}
+
+TEST_F(ReaderTest, FollowerSeesNoRestartAtTheEndOfARingThatWasNotReset) {
+    CRingFollower fresh(m_reader.Ring());
+    EXPECT_FALSE(fresh.CheckRestart());
+    for (uint32_t n = 0; n < 5; ++n) {
+        m_ring.Publish(n);
+    }
+    // Behind the end, with announcements still to read.
+    EXPECT_FALSE(fresh.CheckRestart());
+    EXPECT_EQ(fresh.Index(), 0);
+    CRingFollower atEnd(m_reader.Ring());
+    EXPECT_FALSE(atEnd.CheckRestart());
+    EXPECT_EQ(atEnd.Index(), 5);
+    for (uint32_t n = 0; n < 2 * QUVO_UPDATE_RING_ENTRIES; ++n) {
+        m_ring.Publish(n % 20480);
+    }
+    CRingFollower afterLaps(m_reader.Ring());
+    ASSERT_EQ(afterLaps.Index(), 5);
+    EXPECT_FALSE(afterLaps.CheckRestart());
+    EXPECT_EQ(afterLaps.Index(), 5);
+}
+
+TEST_F(ReaderTest, FollowerCaughtAtTheWrapSeesNoRestart) {
+    uint16_t* entries = m_segments.pUpdateRing;
+    for (uint32_t i = 1; i < QUVO_UPDATE_RING_ENTRIES - 1; ++i) {
+        entries[i] = 1;
+    }
+    entries[0] = QUVO_UPDATE_RING_END;
+    entries[QUVO_UPDATE_RING_ENTRIES - 1] = QUVO_UPDATE_RING_END;
+    CRingFollower follower(m_reader.Ring());
+    ASSERT_EQ(follower.Index(), 65535);
+    EXPECT_FALSE(follower.CheckRestart());
+    EXPECT_EQ(follower.Index(), 65535);
+}
+
 TEST_F(ReaderTest, RecordReadAfterAnAnnouncementIsAtLeastAsNew) {
     // Fewer announcements than entries, so the follower cannot be lapped.
     constexpr uint32_t kAnnouncements = 50000;
@@ -297,6 +356,7 @@ TEST_F(ReaderAttachErrorTest, RefusedAttachGivesTheSystemsReason) {
     // The segment grants no one access; the attach runs as an ordinary user,
     // since root may attach anything.
     ASSERT_EQ(chmod(m_sandbox.Dir().c_str(), 0755), 0);
+    ASSERT_EQ(chmod((m_sandbox.Dir() + "/..").c_str(), 0755), 0);
     const std::string expected = "^cannot attach the segment for key file " + m_sandbox.RingKeyPath() +
                                  " read-only: Permission denied\n$";
     EXPECT_EXIT(
