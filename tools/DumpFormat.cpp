@@ -9,19 +9,6 @@
 
 namespace {
 
-constexpr int kExchangeLevels = 5;
-
-std::string printf_string(const char* format, ...) __attribute__((format(printf, 1, 2)));
-std::string printf_string(const char* format, ...) {
-    char buffer[256];
-    va_list args;
-    va_start(args, format);
-    const int length = vsnprintf(buffer, sizeof(buffer), format, args);
-    va_end(args);
-    return std::string(buffer,
-                       length < 0 ? 0 : std::min<size_t>(static_cast<size_t>(length), sizeof(buffer) - 1));
-}
-
 // Fifteen significant digits print every price and amount the exchanges send
 // as written, without the binary noise of a seventeen-digit rendering.
 std::string table_number(double value) {
@@ -151,4 +138,14 @@ std::string format_counts_table(const share& area) {
 std::string format_counts_json(const share& area) {
     return printf_string("{\"shfe_inst_cnt\":%d,\"ine_inst_cnt\":%d,\"shfe_pktno\":%d,\"ine_pktno\":%d}\n",
                          area.shfe_inst_cnt, area.ine_inst_cnt, area.shfe_pktno, area.ine_pktno);
+}
+
+std::string printf_string(const char* format, ...) {
+    char buffer[512];
+    va_list args;
+    va_start(args, format);
+    const int length = vsnprintf(buffer, sizeof(buffer), format, args);
+    va_end(args);
+    return std::string(buffer,
+                       length < 0 ? 0 : std::min<size_t>(static_cast<size_t>(length), sizeof(buffer) - 1));
 }

@@ -6,6 +6,12 @@
 
 #include "interface/commonheader.h"
 
+// Levels a side the exchange publishes; the feed keeps the rest locally.
+constexpr int kExchangeLevels = 5;
+
+// printf into a string, cut at 511 bytes.
+std::string printf_string(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
 // "SHFE" or "INE", from the slot.
 const char* exchange_name(uint32_t slot);
 // The exchange's instrument number held in `slot`.

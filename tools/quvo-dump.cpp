@@ -14,6 +14,7 @@
 
 #include "interface/quvoreader.h"
 #include "tools/DumpFormat.h"
+#include "tools/StopSignal.h"
 
 namespace {
 
@@ -138,18 +139,6 @@ std::string join(const std::vector<std::string>& words) {
         text += (text.empty() ? "" : ", ") + word;
     }
     return text;
-}
-
-volatile sig_atomic_t g_stop = 0;
-
-void request_stop(int) {
-    g_stop = 1;
-}
-
-int64_t now_ms() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
 }
 
 class CPrinter {

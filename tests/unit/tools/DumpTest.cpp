@@ -7,45 +7,14 @@
 
 #include "src/api/SharedSegments.h"
 #include "src/api/UpdateRing.h"
+#include "tests/support/FeedSegments.h"
 #include "tests/support/PipedProcess.h"
+#include "tests/support/Records.h"
 #include "tests/support/ShmSandbox.h"
 #include "tests/support/TempDir.h"
 #include "tools/DumpFormat.h"
 
 namespace {
-
-void set_id(instrument& inst, const char* id) {
-    memset(inst.inst_id, 0, sizeof(inst.inst_id));
-    memcpy(inst.inst_id, id, strnlen(id, sizeof(inst.inst_id)));
-}
-
-// cu2501 in SHFE slot 0: five exchange levels a side and one local bid level.
-void fill_copper(instrument& inst) {
-    inst = instrument{};
-    set_id(inst, "cu2501");
-    inst.type = 1;
-    inst.change_no = 10;
-    inst.update_time = 93015;
-    inst.update_milli_sec = 500;
-    inst.last_px = 72010.0;
-    inst.volume = 1234;
-    inst.turnover = 444370000.5;
-    inst.open_interest = 5678.0;
-    inst.bid_totvol = 100;
-    inst.ask_totvol = 200;
-    inst.bid_totamount = 7200000.0;
-    inst.ask_totamount = 14400000.25;
-    inst.highest_price = 72100.0;
-    inst.lowest_price = 71900.0;
-    for (int k = 0; k < 5; ++k) {
-        inst.bid_px[k] = 72000.0 - 10 * k;
-        inst.bid_vol[k] = 10 + k;
-        inst.ask_px[k] = 72010.0 + 10 * k;
-        inst.ask_vol[k] = 5 + k;
-    }
-    inst.bid_px[5] = 71950.0;
-    inst.bid_vol[5] = 2;
-}
 
 // sc2501, INE instrument 2, on a 0.1 tick that binary doubles cannot hold.
 void fill_crude(instrument& inst) {
@@ -96,7 +65,7 @@ TEST(DumpFormatTest, IdentifierStopsAtNulOrSixteenBytesAndShowsOddBytes) {
 
 TEST(DumpFormatTest, TableShowsHeaderStatisticsAndTheLadder) {
     instrument inst;
-    fill_copper(inst);
+    inst = copper_record();
     EXPECT_EQ(format_table(inst, 0),
               "cu2501  SHFE  slot 0  inst_no 0  type 1  change_no 10  time 09:30:15.500\n"
               "  last 72010  volume 1234  turnover 444370000.5  open_interest 5678\n"
@@ -131,7 +100,7 @@ TEST(DumpFormatTest, TablePrintsTicksAsWritten) {
 
 TEST(DumpFormatTest, JsonHoldsEveryFieldAndAllTenLevels) {
     instrument inst;
-    fill_copper(inst);
+    inst = copper_record();
     EXPECT_EQ(format_json(inst, 0),
               "{\"id\":\"cu2501\",\"exchange\":\"SHFE\",\"slot\":0,\"inst_no\":0,\"type\":1,\"change_no\":10,"
               "\"update_time\":93015,\"update_milli_sec\":500,\"last_px\":72010,\"volume\":1234,"
@@ -170,11 +139,11 @@ RunResult run_dump(const std::vector<std::string>& args) {
     return run_piped(QUVO_DUMP_PATH, args);
 }
 
-class DumpToolTest : public ::testing::Test {
+class DumpToolTest : public ::testing::Test, protected CFeedSegments {
 protected:
-    DumpToolTest() : m_segments(attach_shared_segments()), m_ring(m_segments.pUpdateRing) {
+    DumpToolTest() {
         share& area = *m_segments.pMdArea;
-        fill_copper(area.instmts[0]);
+        area.instmts[0] = copper_record();
         set_id(area.instmts[1], "al2501");
         area.instmts[1].last_px = 20000.0;
         fill_crude(area.instmts[kCrudeSlot]);
@@ -183,13 +152,6 @@ protected:
         area.shfe_pktno = 41;
         area.ine_pktno = 17;
     }
-    ~DumpToolTest() override { detach_shared_segments(m_segments); }
-
-    instrument& Slot(uint32_t slot) { return m_segments.pMdArea->instmts[slot]; }
-
-    CShmSandbox m_sandbox;
-    SharedSegments m_segments;
-    CUpdateRing m_ring;
 };
 
 TEST_F(DumpToolTest, JsonForTheGivenIdsInTheirOrder) {

@@ -7,6 +7,7 @@
 
 #include "src/api/SharedSegments.h"
 #include "src/api/UpdateRing.h"
+#include "tests/support/FeedSegments.h"
 #include "tests/support/PipedProcess.h"
 #include "tests/support/ShmSandbox.h"
 
@@ -28,22 +29,15 @@ void set_book(instrument& inst, const char* id, double last, double bid, double 
 
 constexpr uint32_t kCrudeSlot = 20477;
 
-class PrintUpdatesTest : public ::testing::Test {
+class PrintUpdatesTest : public ::testing::Test, protected CFeedSegments {
 protected:
-    PrintUpdatesTest() : m_segments(attach_shared_segments()), m_ring(m_segments.pUpdateRing) {
+    PrintUpdatesTest() {
         set_book(Slot(0), "cu2501", 72010.0, 72000.0, 72010.0);
         set_book(Slot(1), "al2501", 20000.0, 19995.0, 20005.0);
         set_book(Slot(kCrudeSlot), "sc2501", 512.1, 512.0, 512.5);
         m_segments.pMdArea->shfe_inst_cnt = 2;
         m_segments.pMdArea->ine_inst_cnt = 3;
     }
-    ~PrintUpdatesTest() override { detach_shared_segments(m_segments); }
-
-    instrument& Slot(uint32_t slot) { return m_segments.pMdArea->instmts[slot]; }
-
-    CShmSandbox m_sandbox;
-    SharedSegments m_segments;
-    CUpdateRing m_ring;
 };
 
 TEST_F(PrintUpdatesTest, PrintsTheChosenBooksThenEveryUpdateOfThem) {

@@ -11,31 +11,31 @@
 #include "src/api/SharedSegments.h"
 #include "src/api/UpdateRing.h"
 #include "src/api/shfe_recv.h"
+#include "tests/support/FeedSegments.h"
+#include "tests/support/Records.h"
 #include "tests/support/ShmSandbox.h"
 
 namespace {
 
-void set_id(instrument& inst, const char* id) {
-    memset(inst.inst_id, 0, sizeof(inst.inst_id));
-    memcpy(inst.inst_id, id, strnlen(id, sizeof(inst.inst_id)));
-}
-
 // Segments created as the feed creates them, and a reader attached to them.
-class ReaderTest : public ::testing::Test {
+class ReaderTest : public ::testing::Test, protected CFeedSegments {
 protected:
-    ReaderTest() : m_segments(attach_shared_segments()), m_ring(m_segments.pUpdateRing) {}
-    ~ReaderTest() override { detach_shared_segments(m_segments); }
-
     void SetUp() override {
         std::string error;
         ASSERT_TRUE(m_reader.Attach(error)) << error;
     }
 
-    instrument& Slot(uint32_t slot) { return m_segments.pMdArea->instmts[slot]; }
+    // The ring as the feed leaves it after marking entry 0 and before filling entry 65535.
+    uint16_t* LeaveRingBetweenTheWrapStores() {
+        uint16_t* entries = m_segments.pUpdateRing;
+        for (uint32_t i = 1; i < QUVO_UPDATE_RING_ENTRIES - 1; ++i) {
+            entries[i] = 1;
+        }
+        entries[0] = QUVO_UPDATE_RING_END;
+        entries[QUVO_UPDATE_RING_ENTRIES - 1] = QUVO_UPDATE_RING_END;
+        return entries;
+    }
 
-    CShmSandbox m_sandbox;
-    SharedSegments m_segments;
-    CUpdateRing m_ring;
     CQuvoReader m_reader;
 };
 
@@ -148,13 +148,7 @@ TEST_F(ReaderTest, FollowerStartedAfterAFullLapFindsTheSingleEndMarker) {
 }
 
 TEST_F(ReaderTest, FollowerCaughtBetweenTheTwoStoresOfTheLastEntryStartsThere) {
-    // The ring as the feed leaves it after marking entry 0 and before filling entry 65535.
-    uint16_t* entries = m_segments.pUpdateRing;
-    for (uint32_t i = 1; i < QUVO_UPDATE_RING_ENTRIES - 1; ++i) {
-        entries[i] = 1;
-    }
-    entries[0] = QUVO_UPDATE_RING_END;
-    entries[QUVO_UPDATE_RING_ENTRIES - 1] = QUVO_UPDATE_RING_END;
+    uint16_t* entries = LeaveRingBetweenTheWrapStores();
     CRingFollower follower(m_reader.Ring());
     EXPECT_EQ(follower.Index(), 65535);
     entries[QUVO_UPDATE_RING_ENTRIES - 1] = 42;
@@ -212,12 +206,7 @@ TEST_F(ReaderTest, FollowerSeesNoRestartAtTheEndOfARingThatWasNotReset) {
 }
 
 TEST_F(ReaderTest, FollowerCaughtAtTheWrapSeesNoRestart) {
-    uint16_t* entries = m_segments.pUpdateRing;
-    for (uint32_t i = 1; i < QUVO_UPDATE_RING_ENTRIES - 1; ++i) {
-        entries[i] = 1;
-    }
-    entries[0] = QUVO_UPDATE_RING_END;
-    entries[QUVO_UPDATE_RING_ENTRIES - 1] = QUVO_UPDATE_RING_END;
+    LeaveRingBetweenTheWrapStores();
     CRingFollower follower(m_reader.Ring());
     ASSERT_EQ(follower.Index(), 65535);
     EXPECT_FALSE(follower.CheckRestart());

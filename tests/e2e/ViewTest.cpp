@@ -1,0 +1,714 @@
+// quvo-view in a tmux pane against quvo-md on the simulator: what the screen
+// shows is checked against the books as quvo-dump reads them.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "src/api/SharedSegments.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Records.h"
+#include "tests/support/ShmSandbox.h"
+#include "tests/support/TempDir.h"
+
+namespace {
+
+// Generous: under the sanitizers every process here runs several times slower.
+constexpr double kTimeoutSeconds = 60;
+constexpr int kWidth = 160;
+constexpr int kHeight = 50;
+
+double seconds_now() {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+std::vector<std::string> split_lines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+std::string trim(const std::string& text) {
+    const size_t first = text.find_first_not_of(' ');
+    if (first == std::string::npos) {
+        return "";
+    }
+    return text.substr(first, text.find_last_not_of(' ') - first + 1);
+}
+
+// How the viewer writes a price: as quvo-dump's table does.
+std::string shown(double value) {
+    char text[64];
+    snprintf(text, sizeof(text), "%.15g", value);
+    return text;
+}
+
+// One line of quvo-dump --json.
+struct dump_record {
+    std::string line;
+    std::string id;
+    std::string exchange;
+
+    std::string Raw(const std::string& key) const {
+        const std::string tag = "\"" + key + "\":";
+        size_t at = line.find(tag);
+        if (at == std::string::npos) {
+            ADD_FAILURE() << "no " << key << " in " << line;
+            return "";
+        }
+        at += tag.size();
+        if (line[at] == '"') {
+            return line.substr(at + 1, line.find('"', at + 1) - at - 1);
+        }
+        if (line[at] == '[') {
+            return line.substr(at + 1, line.find(']', at) - at - 1);
+        }
+        return line.substr(at, line.find_first_of(",}", at) - at);
+    }
+    double Number(const std::string& key) const { return strtod(Raw(key).c_str(), nullptr); }
+    std::vector<double> Array(const std::string& key) const {
+        std::vector<double> values;
+        std::istringstream in(Raw(key));
+        for (std::string item; std::getline(in, item, ',');) {
+            values.push_back(strtod(item.c_str(), nullptr));
+        }
+        EXPECT_EQ(values.size(), 10u) << key;
+        values.resize(10);
+        return values;
+    }
+    bool HasLast() const { return Number("last_px") != 0 || Number("volume") != 0; }
+    // Price and volume of a level as the viewer shows them, blank when empty.
+    std::pair<std::string, std::string> Level(const char* side, int k) const {
+        const double px = Array(std::string(side) + "_px")[static_cast<size_t>(k)];
+        const double vol = Array(std::string(side) + "_vol")[static_cast<size_t>(k)];
+        if (px == 0 && vol == 0) {
+            return {"", ""};
+        }
+        return {shown(px), shown(vol)};
+    }
+};
+
+// A list row cut at the columns of the heading: ID and EXCH are left-aligned,
+// the others right-aligned under the end of their label.
+struct list_row {
+    bool selected = false;
+    std::vector<std::string> cells;  // ID, EXCH, LAST, CHANGE, CHG%, VOLUME, BID, BIDVOL, ASK, ASKVOL, UPD/S
+};
+
+constexpr int kId = 0, kExch = 1, kLast = 2, kChange = 3, kChangePct = 4, kVolume = 5, kBid = 6, kBidVol = 7,
+              kAsk = 8, kAskVol = 9, kRate = 10;
+
+list_row parse_row(const std::string& line, const std::string& heading) {
+    static const char* const kLabels[] = {"ID",  "EXCH",   "LAST", "CHANGE", "CHG%", "VOLUME",
+                                          "BID", "BIDVOL", "ASK",  "ASKVOL", "UPD/S"};
+    // A narrow window cuts the heading: only the columns it shows are read.
+    std::vector<size_t> ends;
+    size_t from = 0;
+    for (const char* label : kLabels) {
+        const size_t at = heading.find(std::string(" ") + label, from);
+        if (at == std::string::npos) {
+            break;
+        }
+        ends.push_back(at + 1 + strlen(label));
+        from = ends.back();
+    }
+    if (ends.size() < kExch + 1) {
+        return {};
+    }
+    const std::string padded = line + std::string(200, ' ');
+    list_row row;
+    row.selected = !line.empty() && line[0] == '>';
+    const size_t exchStart = ends[kExch] - 4;
+    row.cells.push_back(trim(padded.substr(1, exchStart - 1)));
+    row.cells.push_back(trim(padded.substr(exchStart, 4)));
+    for (size_t i = kLast; i < ends.size(); ++i) {
+        row.cells.push_back(trim(padded.substr(ends[i - 1], ends[i] - ends[i - 1])));
+    }
+    return row;
+}
+
+// What the list row of `record` must show, change columns and rate aside.
+std::string book_mismatch(const list_row& row, const dump_record& record) {
+    const auto [bid, bidVol] = record.Level("bid", 0);
+    const auto [ask, askVol] = record.Level("ask", 0);
+    const std::vector<std::pair<int, std::string>> expected = {
+        {kId, record.id},
+        {kExch, record.exchange},
+        {kLast, record.HasLast() ? shown(record.Number("last_px")) : ""},
+        {kVolume, record.Raw("volume")},
+        {kBid, bid},
+        {kBidVol, bidVol},
+        {kAsk, ask},
+        {kAskVol, askVol}};
+    for (const auto& [column, text] : expected) {
+        if (static_cast<size_t>(column) >= row.cells.size()) {
+            continue;
+        }
+        if (row.cells[static_cast<size_t>(column)] != text) {
+            return record.id + ": column " + std::to_string(column) + " shows '" +
+                   row.cells[static_cast<size_t>(column)] + "', the book has '" + text + "'";
+        }
+    }
+    return "";
+}
+
+class ViewE2E : public ::testing::Test {
+protected:
+    ~ViewE2E() override {
+        if (m_tmuxStarted) {
+            Tmux({"kill-server"});
+        }
+        StopFeed();
+    }
+
+    void StartFeed(int seed, const std::string& market = "rate=20000,records=4000") {
+        const std::string config = m_dir.WriteFile(
+            "feed.ini", "[config]\ndevice = sim:shfe=300,ine=60,seed=" + std::to_string(seed) + "," + market +
+                            "\ncpucore = -1\ninsts = all\nshfe2ps = enabled\nine2ps = enabled\n");
+        m_feed = std::make_unique<CChildProcess>(std::vector<std::string>{QUVO_MD_PATH, config}, m_dir.Path(),
+                                                 m_dir.Path() + "/feed-" + std::to_string(seed) + ".out");
+    }
+
+    void StopFeed() {
+        if (m_feed) {
+            m_feed->Signal(SIGINT);
+            int status = -1;
+            EXPECT_TRUE(m_feed->Wait(kTimeoutSeconds, status));
+            m_feed.reset();
+        }
+    }
+
+    // The feed gone and its segments removed, as an operator cleaning up would.
+    void RemoveSegments() {
+        for (const std::string& path : {m_shm.RingKeyPath(), m_shm.AreaKeyPath()}) {
+            const int id = CShmSandbox::SegmentId(path);
+            ASSERT_GE(id, 0) << path;
+            ASSERT_EQ(shmctl(id, IPC_RMID, nullptr), 0);
+        }
+    }
+
+    std::vector<dump_record> Dump(const std::vector<std::string>& ids = {}) {
+        std::vector<std::string> argv = {QUVO_DUMP_PATH, "--json"};
+        argv.insert(argv.end(), ids.begin(), ids.end());
+        const std::string output = m_dir.Path() + "/dump.out";
+        std::vector<dump_record> records;
+        if (run_program(argv, m_dir.Path(), output, kTimeoutSeconds) != 0) {
+            return records;
+        }
+        for (const std::string& line : split_lines(read_file(output))) {
+            dump_record record{line, "", ""};
+            record.id = record.Raw("id");
+            record.exchange = record.Raw("exchange");
+            records.push_back(record);
+        }
+        return records;
+    }
+
+    void WaitForSegments() {
+        const double deadline = seconds_now() + kTimeoutSeconds;
+        while (seconds_now() < deadline && (CShmSandbox::SegmentId(m_shm.RingKeyPath()) < 0 ||
+                                            CShmSandbox::SegmentId(m_shm.AreaKeyPath()) < 0)) {
+            usleep(20 * 1000);
+        }
+        ASSERT_GE(CShmSandbox::SegmentId(m_shm.AreaKeyPath()), 0) << "quvo-md made no segments";
+    }
+
+    // Books once the simulated market has stopped: two dumps that agree.
+    std::vector<dump_record> SettledBooks() {
+        const double deadline = seconds_now() + kTimeoutSeconds;
+        std::string previous;
+        while (seconds_now() < deadline) {
+            std::string text;
+            const std::vector<dump_record> records = Dump();
+            for (const dump_record& record : records) {
+                text += record.line + "\n";
+            }
+            if (!records.empty() && text == previous) {
+                return records;
+            }
+            previous = text;
+            usleep(300 * 1000);
+        }
+        ADD_FAILURE() << "the books did not settle";
+        return {};
+    }
+
+    int Tmux(const std::vector<std::string>& args, std::string* output = nullptr) {
+        std::vector<std::string> argv = {QUVO_TMUX_PATH, "-f", "/dev/null", "-S",
+                                         m_dir.Path() + "/tmux.sock"};
+        argv.insert(argv.end(), args.begin(), args.end());
+        const std::string path = m_dir.Path() + "/tmux.out";
+        const int status = run_program(argv, m_dir.Path(), path, kTimeoutSeconds);
+        if (output != nullptr) {
+            *output = read_file(path);
+        }
+        return status;
+    }
+
+    // With `statusPath`, a shell runs the viewer and writes its exit status
+    // there: under the sanitizers tmux may not learn it for a long time.
+    void StartView(const std::string& args = "", const std::string& statusPath = "") {
+        const std::string view =
+            "env " QUVO_KEY_DIR_ENV "=" + m_shm.Dir() + " " + QUVO_VIEW_PATH + " " + args;
+        const std::string command = statusPath.empty() ? "exec " + view : view + "; echo $? > " + statusPath;
+        std::string output;
+        ASSERT_EQ(Tmux({"new-session", "-d", "-s", "view", "-x", std::to_string(kWidth), "-y",
+                        std::to_string(kHeight), command},
+                       &output),
+                  0)
+            << output;
+        m_tmuxStarted = true;
+        // Keeps the pane after the viewer exits, so its exit status can be read.
+        ASSERT_EQ(Tmux({"set-option", "-t", "view", "remain-on-exit", "on"}, &output), 0) << output;
+    }
+
+    void Keys(const std::vector<std::string>& keys) {
+        std::vector<std::string> args = {"send-keys", "-t", "view"};
+        args.insert(args.end(), keys.begin(), keys.end());
+        ASSERT_EQ(Tmux(args), 0);
+    }
+
+    // Types `text` literally.
+    void Type(const std::string& text) { ASSERT_EQ(Tmux({"send-keys", "-t", "view", "-l", text}), 0); }
+
+    std::vector<std::string> Screen() {
+        std::string output;
+        EXPECT_EQ(Tmux({"capture-pane", "-p", "-t", "view"}, &output), 0) << output;
+        return split_lines(output);
+    }
+
+    // Polls the screen until `check` returns "" (the screen is right) or the
+    // time is up; fails with the last complaint and screen then.
+    std::vector<std::string> WaitScreen(
+        const std::function<std::string(const std::vector<std::string>&)>& check) {
+        const double deadline = seconds_now() + kTimeoutSeconds;
+        std::vector<std::string> screen;
+        std::string complaint;
+        while (seconds_now() < deadline) {
+            screen = Screen();
+            complaint = check(screen);
+            if (complaint.empty()) {
+                return screen;
+            }
+            usleep(50 * 1000);
+        }
+        std::string text;
+        for (const std::string& line : screen) {
+            text += line + "\n";
+        }
+        ADD_FAILURE() << complaint << "\nscreen:\n" << text;
+        return screen;
+    }
+
+    // The list's rows on screen: heading on line 1, footer on the last line.
+    static std::vector<list_row> Rows(const std::vector<std::string>& screen) {
+        std::vector<list_row> rows;
+        if (screen.size() < 3 || screen[1].find("  ID ") != 0) {
+            return rows;
+        }
+        for (size_t y = 2; y + 1 < screen.size() && !trim(screen[y]).empty(); ++y) {
+            rows.push_back(parse_row(screen[y], screen[1]));
+        }
+        return rows;
+    }
+
+    // "" when the list shows `books` from `first` on, as many as fit.
+    static std::string ListMismatch(const std::vector<std::string>& screen,
+                                    const std::vector<dump_record>& books, size_t first = 0,
+                                    size_t columns = kRate + 1) {
+        const std::vector<list_row> rows = Rows(screen);
+        const size_t expected = std::min(books.size() - first, screen.size() - 3);
+        if (rows.size() != expected) {
+            return "the list shows " + std::to_string(rows.size()) + " rows, expected " +
+                   std::to_string(expected);
+        }
+        for (size_t i = 0; i < rows.size(); ++i) {
+            if (rows[i].cells.size() != columns) {
+                return "the list shows " + std::to_string(rows[i].cells.size()) + " columns, expected " +
+                       std::to_string(columns);
+            }
+            const std::string mismatch = book_mismatch(rows[i], books[first + i]);
+            if (!mismatch.empty()) {
+                return mismatch;
+            }
+        }
+        return "";
+    }
+
+    static std::string StatusHas(const std::vector<std::string>& screen, const std::string& text) {
+        return !screen.empty() && screen[0].find(text) != std::string::npos
+                   ? ""
+                   : "the status line lacks '" + text + "'";
+    }
+
+    CShmSandbox m_shm;
+    CTempDir m_dir;
+    std::unique_ptr<CChildProcess> m_feed;
+    bool m_tmuxStarted = false;
+};
+
+TEST_F(ViewE2E, ListShowsEveryInstrumentInUseWithItsBook) {
+    StartFeed(1);
+    const std::vector<dump_record> books = SettledBooks();
+    ASSERT_GT(books.size(), static_cast<size_t>(kHeight));
+    StartView();
+    std::vector<std::string> screen = WaitScreen([&](const std::vector<std::string>& s) {
+        std::string mismatch = ListMismatch(s, books);
+        return mismatch.empty() ? StatusHas(s, std::to_string(books.size()) + " instruments") : mismatch;
+    });
+    ASSERT_EQ(screen.size(), static_cast<size_t>(kHeight));
+    EXPECT_NE(screen.back().find("q quit"), std::string::npos) << screen.back();
+    EXPECT_NE(screen.back().find("/ search"), std::string::npos) << screen.back();
+    // The viewer started after the market stopped: no change, no updates.
+    const std::vector<list_row> rows = Rows(screen);
+    ASSERT_FALSE(rows.empty());
+    EXPECT_TRUE(rows[0].selected);
+    for (size_t i = 0; i < rows.size(); ++i) {
+        EXPECT_EQ(rows[i].selected, i == 0);
+        EXPECT_EQ(rows[i].cells[kChange], books[i].HasLast() ? "0" : "") << books[i].id;
+        EXPECT_EQ(rows[i].cells[kChangePct], books[i].HasLast() ? "+0.00%" : "") << books[i].id;
+        EXPECT_EQ(rows[i].cells[kRate], "0") << books[i].id;
+    }
+
+    // End shows the last page with the last instrument selected.
+    Keys({"End"});
+    const size_t pageRows = kHeight - 3;
+    screen = WaitScreen([&](const std::vector<std::string>& s) {
+        const std::vector<list_row> r = Rows(s);
+        if (r.empty() || !r.back().selected) {
+            return std::string("the last row is not selected");
+        }
+        return ListMismatch(s, books, books.size() - pageRows);
+    });
+    Keys({"PPage"});
+    WaitScreen([&](const std::vector<std::string>& s) {
+        const std::vector<list_row> r = Rows(s);
+        if (r.empty() || !r.front().selected ||
+            r.front().cells[kId] != books[books.size() - 1 - pageRows].id) {
+            return std::string("PgUp did not select the row a page up at the top");
+        }
+        return std::string();
+    });
+    Keys({"Home", "Down", "Down"});
+    WaitScreen([&](const std::vector<std::string>& s) {
+        const std::vector<list_row> r = Rows(s);
+        if (r.size() < 3 || !r[2].selected || r[0].cells[kId] != books[0].id) {
+            return std::string("Home, Down, Down did not select the third row of the first page");
+        }
+        return std::string();
+    });
+}
+
+TEST_F(ViewE2E, SearchFindsAnInstrumentWhoseLadderShowsItsBook) {
+    StartFeed(2);
+    std::vector<dump_record> books = SettledBooks();
+    // An instrument whose book reaches past the exchange's five levels.
+    const dump_record* target = nullptr;
+    for (const dump_record& record : books) {
+        if (record.exchange == "INE" &&
+            (record.Level("ask", 5).first != "" || record.Level("bid", 5).first != "")) {
+            target = &record;
+            break;
+        }
+    }
+    ASSERT_NE(target, nullptr) << "no INE book with a local level";
+    const std::string id = target->id;
+    size_t sharingPrefix = 0;
+    for (const dump_record& record : books) {
+        sharingPrefix += record.id.rfind(id.substr(0, 2), 0) == 0 ? 1 : 0;
+    }
+    StartView();
+    WaitScreen([&](const std::vector<std::string>& s) { return ListMismatch(s, books); });
+
+    // A two-letter prefix, typed in upper case, keeps the instruments it starts.
+    std::string upper = id.substr(0, 2);
+    for (char& c : upper) {
+        c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+    }
+    Keys({"/"});
+    Type(upper);
+    WaitScreen([&](const std::vector<std::string>& s) {
+        const std::vector<list_row> rows = Rows(s);
+        if (rows.size() != std::min(sharingPrefix, s.size() - 3)) {
+            return "the filter shows " + std::to_string(rows.size()) + " rows, expected " +
+                   std::to_string(sharingPrefix);
+        }
+        for (const list_row& row : rows) {
+            if (row.cells[kId].rfind(id.substr(0, 2), 0) != 0) {
+                return "the filter shows " + row.cells[kId];
+            }
+        }
+        if (s.back().find("search: " + upper + "_") == std::string::npos) {
+            return std::string("the footer does not show the search");
+        }
+        return StatusHas(s, std::to_string(sharingPrefix) + " shown");
+    });
+    Type(id.substr(2));
+    Keys({"Enter"});
+    WaitScreen([&](const std::vector<std::string>& s) {
+        const std::vector<list_row> rows = Rows(s);
+        if (rows.empty() || rows[0].cells[kId] != id || !rows[0].selected) {
+            return "the search did not select " + id;
+        }
+        return s.back().find("filter: " + upper + id.substr(2)) == std::string::npos
+                   ? std::string("the footer does not show the filter")
+                   : std::string();
+    });
+
+    Keys({"Enter"});
+    books = Dump({id});
+    ASSERT_EQ(books.size(), 1u);
+    const dump_record& book = books[0];
+    const std::vector<std::string> ladder = WaitScreen([&](const std::vector<std::string>& s) {
+        return s.size() > 1 && s[1].find(" " + id + "  ") == 0 ? "" : "no ladder of " + id;
+    });
+    char heading[128];
+    const unsigned time = static_cast<unsigned>(book.Number("update_time"));
+    snprintf(heading, sizeof(heading), " %s  %s  slot %s  inst_no %s  updated %02u:%02u:%02u.%03u",
+             id.c_str(), book.exchange.c_str(), book.Raw("slot").c_str(), book.Raw("inst_no").c_str(),
+             time / 10000, time / 100 % 100, time % 100,
+             static_cast<unsigned>(book.Number("update_milli_sec")));
+    EXPECT_EQ(ladder[1], heading);
+    std::string all;
+    for (const std::string& line : ladder) {
+        all += line + "\n";
+    }
+    const std::vector<std::pair<std::string, std::string>> stats = {
+        {"last", shown(book.Number("last_px"))},
+        {"volume", book.Raw("volume")},
+        {"open interest", shown(book.Number("open_interest"))},
+        {"turnover", shown(book.Number("turnover"))},
+        {"highest", shown(book.Number("highest_price"))},
+        {"lowest", shown(book.Number("lowest_price"))},
+        {"change_no", book.Raw("change_no")},
+        {"type", book.Raw("type")},
+        {"bid total volume", book.Raw("bid_totvol")},
+        {"ask total volume", book.Raw("ask_totvol")},
+        {"bid total amount", shown(book.Number("bid_totamount"))},
+        {"ask total amount", shown(book.Number("ask_totamount"))}};
+    for (const auto& [label, value] : stats) {
+        EXPECT_TRUE(std::regex_search(
+            all, std::regex("(^|  )" + label + " +" + std::regex_replace(value, std::regex("[.+]"), "\\$&") +
+                            "( |\n)")))
+            << label << " " << value << "\n"
+            << all;
+    }
+    size_t levelsAt = 0;
+    for (size_t y = 0; y < ladder.size(); ++y) {
+        if (words(ladder[y]).size() > 0 && words(ladder[y])[0] == "level") {
+            levelsAt = y + 1;
+        }
+    }
+    ASSERT_GT(levelsAt, 0u) << all;
+    ASSERT_LE(levelsAt + 10, ladder.size());
+    bool sawLocalLevel = false;
+    for (int k = 0; k < 10; ++k) {
+        const std::string& line = ladder[levelsAt + static_cast<size_t>(k)];
+        const size_t bar = line.find(" | ");
+        ASSERT_NE(bar, std::string::npos) << line;
+        const std::vector<std::string> left = words(line.substr(0, bar));
+        const std::vector<std::string> right = words(line.substr(bar + 3));
+        const auto [bidPx, bidVol] = book.Level("bid", k);
+        const auto [askPx, askVol] = book.Level("ask", k);
+        std::vector<std::string> expectLeft = {std::to_string(k + 1)};
+        if (!bidPx.empty()) {
+            expectLeft.insert(expectLeft.end(), {bidVol, bidPx});
+        }
+        std::vector<std::string> expectRight;
+        if (!askPx.empty()) {
+            expectRight = {askPx, askVol};
+        }
+        expectRight.push_back(k < 5 ? "exchange" : "local");
+        EXPECT_EQ(left, expectLeft) << line;
+        EXPECT_EQ(right, expectRight) << line;
+        sawLocalLevel = sawLocalLevel || (k >= 5 && (!bidPx.empty() || !askPx.empty()));
+    }
+    EXPECT_TRUE(sawLocalLevel);
+    EXPECT_NE(ladder.back().find("Esc/Backspace back to list"), std::string::npos) << ladder.back();
+
+    // Esc goes back to the filtered list; Esc again clears the filter.
+    size_t sharingId = 0;
+    for (const dump_record& record : SettledBooks()) {
+        sharingId += record.id.rfind(id, 0) == 0 ? 1 : 0;
+    }
+    Keys({"Escape"});
+    WaitScreen([&](const std::vector<std::string>& s) {
+        const std::vector<list_row> rows = Rows(s);
+        if (rows.size() != sharingId || !rows[0].selected || rows[0].cells[kId] != id) {
+            return "the list does not show the " + std::to_string(sharingId) + " instruments starting " + id +
+                   " with " + id + " selected";
+        }
+        return std::string();
+    });
+    Keys({"Escape"});
+    WaitScreen([&](const std::vector<std::string>& s) {
+        return Rows(s).size() == s.size() - 3 && s[0].find(" shown") == std::string::npos
+                   ? ""
+                   : "the filter was not cleared";
+    });
+}
+
+TEST_F(ViewE2E, RedrawsToTheNewSizeOfTheWindow) {
+    StartFeed(3);
+    const std::vector<dump_record> books = SettledBooks();
+    StartView();
+    WaitScreen([&](const std::vector<std::string>& s) { return ListMismatch(s, books); });
+    ASSERT_EQ(Tmux({"resize-window", "-t", "view", "-x", "100", "-y", "20"}), 0);
+    std::vector<std::string> screen = WaitScreen([&](const std::vector<std::string>& s) {
+        if (s.size() != 20) {
+            return "the pane has " + std::to_string(s.size()) + " lines";
+        }
+        if (s.back().find(" Up/Down") != 0) {
+            return std::string("no footer on the last line");
+        }
+        // ID to BIDVOL fit in 100 columns.
+        return ListMismatch(s, books, 0, kBidVol + 1);
+    });
+    for (const std::string& line : screen) {
+        EXPECT_LE(line.size(), 100u) << line;
+    }
+    EXPECT_EQ(Rows(screen).size(), 17u);
+    ASSERT_EQ(Tmux({"resize-window", "-t", "view", "-x", "160", "-y", "40"}), 0);
+    screen = WaitScreen([&](const std::vector<std::string>& s) {
+        return s.size() == 40 && s.back().find(" Up/Down") == 0 ? ListMismatch(s, books)
+                                                                : std::string("not redrawn at 160x40");
+    });
+    EXPECT_EQ(Rows(screen).size(), 37u);
+    EXPECT_NE(screen[1].find("UPD/S"), std::string::npos) << screen[1];
+}
+
+TEST_F(ViewE2E, FollowsTheFeedThroughStopsAndRestarts) {
+    // Far enough into the ring that the next run would take a while to reach
+    // the viewer's position.
+    StartFeed(4, "rate=50000,records=30000");
+    const std::vector<dump_record> first = SettledBooks();
+    StartView();
+    WaitScreen([&](const std::vector<std::string>& s) { return ListMismatch(s, first); });
+
+    StopFeed();
+    WaitScreen([&](const std::vector<std::string>& s) { return StatusHas(s, "waiting for quvo-md"); });
+
+    // Restarted on the same segments, with a market that keeps moving a while.
+    StartFeed(5, "rate=3000,records=9000");
+    WaitScreen([&](const std::vector<std::string>& s) {
+        const std::string live = StatusHas(s, "quvo-md live");
+        if (!live.empty()) {
+            return live;
+        }
+        return std::regex_search(s[0], std::regex(" [1-9][0-9]* updates/s"))
+                   ? ""
+                   : std::string("no updates counted");
+    });
+    const std::vector<dump_record> second = SettledBooks();
+    ASSERT_NE(first[0].line, second[0].line);
+    WaitScreen([&](const std::vector<std::string>& s) { return ListMismatch(s, second); });
+
+    // Stopped, segments removed, and a new run that creates them anew.
+    StopFeed();
+    RemoveSegments();
+    WaitScreen([&](const std::vector<std::string>& s) { return StatusHas(s, "is quvo-md running"); });
+    StartFeed(6);
+    const std::vector<dump_record> third = SettledBooks();
+    WaitScreen([&](const std::vector<std::string>& s) {
+        const std::string mismatch = ListMismatch(s, third);
+        return mismatch.empty() ? StatusHas(s, "quvo-md") : mismatch;
+    });
+}
+
+TEST_F(ViewE2E, WaitsForTheFeedWhenAskedTo) {
+    StartView("--wait");
+    WaitScreen([&](const std::vector<std::string>& s) { return StatusHas(s, "waiting for quvo-md"); });
+    StartFeed(7);
+    const std::vector<dump_record> books = SettledBooks();
+    WaitScreen([&](const std::vector<std::string>& s) { return ListMismatch(s, books); });
+}
+
+TEST_F(ViewE2E, SleepsWhileThereIsNothingToDo) {
+    StartFeed(8, "rate=2000");
+    WaitForSegments();
+    StartView();
+    WaitScreen([&](const std::vector<std::string>& s) { return StatusHas(s, "quvo-md live"); });
+    std::string pid;
+    ASSERT_EQ(Tmux({"display-message", "-p", "-t", "view", "#{pane_pid}"}, &pid), 0);
+    pid = trim(pid.substr(0, pid.find('\n')));
+    ASSERT_EQ(read_file("/proc/" + pid + "/comm"), "quvo-view\n");
+    auto cpu_seconds = [&]() {
+        const std::string stat = read_file("/proc/" + pid + "/stat");
+        const std::vector<std::string> fields = words(stat.substr(stat.rfind(')') + 2));
+        return static_cast<double>(std::stoll(fields.at(11)) + std::stoll(fields.at(12))) /
+               static_cast<double>(sysconf(_SC_CLK_TCK));
+    };
+    // Following a live market, then with the feed gone.
+    for (int phase = 0; phase < 2; ++phase) {
+        const double cpuBefore = cpu_seconds();
+        const double wallBefore = seconds_now();
+        usleep(2 * 1000 * 1000);
+        const double share = (cpu_seconds() - cpuBefore) / (seconds_now() - wallBefore);
+        EXPECT_LT(share, 0.25) << (phase == 0 ? "live" : "feed stopped");
+        StopFeed();
+    }
+}
+
+TEST_F(ViewE2E, QuitsOnQ) {
+    StartFeed(9);
+    SettledBooks();
+    const std::string statusPath = m_dir.Path() + "/view.status";
+    StartView("", statusPath);
+    WaitScreen([&](const std::vector<std::string>& s) { return StatusHas(s, "instruments"); });
+    Keys({"q"});
+    const double deadline = seconds_now() + kTimeoutSeconds;
+    while (seconds_now() < deadline && read_file(statusPath).empty()) {
+        usleep(50 * 1000);
+    }
+    EXPECT_EQ(read_file(statusPath), "0\n");
+}
+
+TEST(ViewUsage, HelpNamesTheKeysAndTheWaitingBehaviour) {
+    CTempDir dir;
+    const std::string output = dir.Path() + "/out";
+    EXPECT_EQ(run_program({QUVO_VIEW_PATH, "--help"}, dir.Path(), output, kTimeoutSeconds), 0);
+    const std::string help = read_file(output);
+    EXPECT_EQ(help.rfind("Usage: quvo-view", 0), 0u) << help;
+    for (const char* text : {"--wait", "QUVO_KEY_DIR", "Enter", "Esc", "PgUp/PgDn", "waiting for quvo-md"}) {
+        EXPECT_NE(help.find(text), std::string::npos) << text;
+    }
+    EXPECT_EQ(run_program({QUVO_VIEW_PATH, "--colour"}, dir.Path(), output, kTimeoutSeconds), 2);
+    EXPECT_EQ(read_file(output).rfind("quvo-view: unknown argument --colour\n", 0), 0u) << read_file(output);
+}
+
+TEST(ViewUsage, ExitsWithStatusTwoWhenItCannotAttach) {
+    CShmSandbox shm;
+    CTempDir dir;
+    const std::string output = dir.Path() + "/out";
+    EXPECT_EQ(run_program({QUVO_VIEW_PATH}, dir.Path(), output, kTimeoutSeconds), 2);
+    EXPECT_EQ(read_file(output), "quvo-view: no market-data segment for key file " + shm.RingKeyPath() +
+                                     ": is quvo-md running on this host?\n");
+}
+
+TEST(ViewUsage, NeedsATerminal) {
+    CShmSandbox shm;
+    const SharedSegments segments = attach_shared_segments();
+    CTempDir dir;
+    const std::string output = dir.Path() + "/out";
+    EXPECT_EQ(run_program({QUVO_VIEW_PATH}, dir.Path(), output, kTimeoutSeconds), 2);
+    EXPECT_EQ(read_file(output), "quvo-view: standard input and output must be a terminal\n");
+    detach_shared_segments(segments);
+}
+
+}  // namespace

@@ -1,0 +1,497 @@
+#include "tools/ViewModel.h"
+
+#include <gtest/gtest.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+
+#include <cstring>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "src/api/SharedSegments.h"
+#include "src/api/UpdateRing.h"
+#include "tests/support/FeedSegments.h"
+#include "tests/support/Records.h"
+#include "tests/support/ShmSandbox.h"
+
+namespace {
+
+constexpr int64_t kStart = 1000000;
+
+instrument named(const char* id, double last = 0.0) {
+    instrument inst{};
+    set_id(inst, id);
+    inst.last_px = last;
+    inst.volume = last != 0.0 ? 1 : 0;
+    return inst;
+}
+
+// The identifier column of each list line.
+std::vector<std::string> listed_ids(const CViewModel& model) {
+    std::vector<std::string> ids;
+    for (const view_line& line : model.ListLines(kStart)) {
+        ids.push_back(words(line.text.substr(1))[0]);
+    }
+    return ids;
+}
+
+TEST(ViewFormatTest, ChangeKeepsTheDecimalsOfThePrices) {
+    EXPECT_EQ(view_change(69040, 69020), "+20");
+    EXPECT_EQ(view_change(576.3, 576.1), "+0.2");
+    EXPECT_EQ(view_change(576.1, 576.3), "-0.2");
+    EXPECT_EQ(view_change(586.7, 586.74), "-0.04");
+    EXPECT_EQ(view_change(100, 100), "0");
+    EXPECT_EQ(view_change(-8.8, -9), "+0.2");
+    EXPECT_EQ(view_change(5, 0), "");
+    EXPECT_EQ(view_change_percent(101, 100), "+1.00%");
+    EXPECT_EQ(view_change_percent(-8.8, -9), "+2.22%");
+    EXPECT_EQ(view_change_percent(5, 0), "");
+    EXPECT_EQ(view_number(576.1), "576.1");
+    EXPECT_EQ(view_number(444370000.5), "444370000.5");
+}
+
+TEST(ViewFormatTest, LastPriceNeedsATradeOrAPrice) {
+    instrument inst{};
+    EXPECT_FALSE(view_has_last(inst));
+    inst.volume = 3;  // a spread trading at 0
+    EXPECT_TRUE(view_has_last(inst));
+    inst.volume = 0;
+    inst.last_px = 1.5;
+    EXPECT_TRUE(view_has_last(inst));
+}
+
+TEST(UpdateRateTest, CountsTheTenFullBucketsBeforeTheCurrentOne) {
+    CUpdateRate rate;
+    for (int i = 0; i < 3; ++i) {
+        rate.Add(5, 1000 + 30 * i);  // bucket 10
+    }
+    rate.Add(6, 1010);
+    EXPECT_EQ(rate.PerSecond(5, 1099), 0u);  // still the current bucket
+    EXPECT_EQ(rate.PerSecond(5, 1100), 3u);
+    EXPECT_EQ(rate.PerSecond(5, 2099), 3u);
+    EXPECT_EQ(rate.PerSecond(5, 2100), 0u);  // slid out
+    EXPECT_EQ(rate.PerSecond(6, 1100), 1u);
+    EXPECT_EQ(rate.TotalPerSecond(1100), 4u);
+    EXPECT_EQ(rate.PerSecond(7, 1100), 0u);
+    EXPECT_EQ(rate.PerSecond(QUVO_INST_SLOTS, 1100), 0u);
+}
+
+TEST(UpdateRateTest, CurrentBucketDoesNotEraseTheOldestCounted) {
+    CUpdateRate rate;
+    // buckets 0..10, one announcement each
+    for (int64_t t = 0; t <= 1000; t += 100) {
+        rate.Add(1, t);
+    }
+    EXPECT_EQ(rate.PerSecond(1, 1050), 10u);  // buckets 0..9
+    EXPECT_EQ(rate.PerSecond(1, 1100), 10u);  // buckets 1..10
+    rate.Add(1, 1100);
+    EXPECT_EQ(rate.PerSecond(1, 1150), 10u);
+    rate.Clear();
+    EXPECT_EQ(rate.PerSecond(1, 1150), 0u);
+}
+
+TEST(ViewModelTest, RowsGoShfeThenIneEachByInstrumentNumber) {
+    CViewModel model;
+    model.SetPageRows(10);
+    model.Update(quvo_ine_slot(0), named("sc2501"));
+    model.Update(quvo_shfe_slot(3), named("al2501"));
+    model.Update(quvo_shfe_slot(1), named("cu2501"));
+    model.Update(quvo_ine_slot(2), named("nr2501"));
+    model.Update(quvo_shfe_slot(1), named("cu2501", 5));
+    EXPECT_EQ(model.RowCount(), 4u);
+    EXPECT_EQ(listed_ids(model), (std::vector<std::string>{"cu2501", "al2501", "sc2501", "nr2501"}));
+    // Nothing picked yet: the first row, whatever came first.
+    EXPECT_FALSE(model.Chosen());
+    EXPECT_EQ(model.SelectedSlot(), static_cast<int>(quvo_shfe_slot(1)));
+    // Once picked, the selection stays on its instrument as rows arrive.
+    model.MoveBy(1);
+    EXPECT_TRUE(model.Chosen());
+    model.Update(quvo_shfe_slot(0), named("zn2501"));
+    EXPECT_EQ(model.SelectedSlot(), static_cast<int>(quvo_shfe_slot(3)));
+    ASSERT_NE(model.Find(quvo_shfe_slot(1)), nullptr);
+    EXPECT_EQ(model.Find(quvo_shfe_slot(1))->last_px, 5);
+    EXPECT_EQ(model.Find(quvo_shfe_slot(2)), nullptr);
+}
+
+TEST(ViewModelTest, ListRowShowsBestLevelsRateAndChangeSinceTheFirstPriceSeen) {
+    CViewModel model;
+    model.SetPageRows(10);
+    instrument inst = copper_record();
+    model.Update(0, inst);
+    inst.last_px = 72030.0;
+    model.Update(0, inst);
+    model.Announce(0, kStart - 500);
+    model.Announce(0, kStart - 400);
+    const std::vector<view_line> lines = model.ListLines(kStart);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].style, EViewStyle::Selected);
+    EXPECT_EQ(words(lines[0].text), (std::vector<std::string>{">", "cu2501", "SHFE", "72030", "+20", "+0.03%",
+                                                              "1234", "72000", "10", "72010", "5", "2"}));
+    EXPECT_EQ(words(CViewModel::ListHeading()),
+              (std::vector<std::string>{"ID", "EXCH", "LAST", "CHANGE", "CHG%", "VOLUME", "BID", "BIDVOL",
+                                        "ASK", "ASKVOL", "UPD/S"}));
+}
+
+TEST(ViewModelTest, NoTradeAndEmptyBestLevelsAreBlank) {
+    CViewModel model;
+    model.SetPageRows(10);
+    model.Update(quvo_ine_slot(1), named("sc2501"));
+    EXPECT_EQ(words(model.ListLines(kStart)[0].text),
+              (std::vector<std::string>{">", "sc2501", "INE", "0", "0"}));  // volume and rate
+}
+
+TEST(ViewModelTest, BaselineBelongsToTheIdentifier) {
+    CViewModel model;
+    model.SetPageRows(10);
+    model.Update(0, named("cu2501", 100));
+    model.Update(1, named("al2501", 50));
+    model.ClearRows();
+    EXPECT_EQ(model.RowCount(), 0u);
+    EXPECT_EQ(model.SelectedSlot(), -1);
+    // A new run puts the instruments in other slots.
+    model.Update(0, named("al2501", 55));
+    model.Update(1, named("cu2501", 90));
+    std::vector<view_line> lines = model.ListLines(kStart);
+    EXPECT_EQ(words(lines[0].text)[4], "+5");
+    EXPECT_EQ(words(lines[1].text)[3], "-10");
+    // A slot taken over by another instrument without clearing the rows.
+    model.Update(0, named("zn2501", 7));
+    model.Update(0, named("zn2501", 8));
+    lines = model.ListLines(kStart);
+    EXPECT_EQ(words(lines[0].text)[1], "zn2501");
+    EXPECT_EQ(words(lines[0].text)[4], "+1");
+}
+
+TEST(ViewModelTest, KeepDropsTheRowsOfOtherSlots) {
+    CViewModel model;
+    model.SetPageRows(10);
+    model.Update(0, named("al2501"));
+    model.Update(1, named("cu2501"));
+    model.Update(2, named("zn2501"));
+    model.Update(quvo_ine_slot(0), named("sc2501"));
+    model.MoveBy(2);
+    model.Keep({0, 2});
+    EXPECT_EQ(listed_ids(model), (std::vector<std::string>{"al2501", "zn2501"}));
+    EXPECT_EQ(model.SelectedSlot(), 2);
+    EXPECT_EQ(model.Find(1), nullptr);
+    model.Update(1, named("cu2501"));
+    EXPECT_EQ(listed_ids(model), (std::vector<std::string>{"al2501", "cu2501", "zn2501"}));
+    model.Keep({0, 1});
+    EXPECT_EQ(model.SelectedSlot(), 0);  // its row went: back to the first
+}
+
+TEST(ViewModelTest, FilterKeepsIdentifiersStartingWithThePrefixIgnoringCase) {
+    CViewModel model;
+    model.SetPageRows(10);
+    model.Update(0, named("al2501"));
+    model.Update(1, named("cu2501"));
+    model.Update(2, named("CU2503"));
+    model.Update(3, named("zn2501"));
+    model.Update(quvo_ine_slot(0), named("bc2501-cu2501"));
+    model.MoveBy(3);
+    EXPECT_EQ(model.SelectedSlot(), 3);
+
+    model.SetFilter("cU");
+    EXPECT_EQ(model.VisibleCount(), 2u);
+    EXPECT_EQ(listed_ids(model), (std::vector<std::string>{"cu2501", "CU2503"}));
+    EXPECT_EQ(model.SelectedSlot(), 1);  // zn2501 hidden: the first shown
+    model.MoveBy(1);
+    EXPECT_EQ(model.SelectedSlot(), 2);
+
+    model.Update(4, named("cu2505"));  // a new instrument that matches
+    EXPECT_EQ(model.VisibleCount(), 3u);
+
+    model.SetFilter("x");
+    EXPECT_EQ(model.VisibleCount(), 0u);
+    EXPECT_EQ(model.SelectedSlot(), -1);
+    EXPECT_FALSE(model.OpenLadder());
+
+    model.SetFilter("");
+    EXPECT_EQ(model.VisibleCount(), 6u);
+    EXPECT_EQ(model.Filter(), "");
+}
+
+TEST(ViewModelTest, SelectionStaysOnItsInstrumentWhenTheFilterLetsItThrough) {
+    CViewModel model;
+    model.SetPageRows(10);
+    model.Update(0, named("al2501"));
+    model.Update(1, named("cu2501"));
+    model.Update(2, named("cu2502"));
+    model.MoveBy(2);
+    model.SetFilter("cu");
+    EXPECT_EQ(model.SelectedSlot(), 2);
+    model.SetFilter("");
+    EXPECT_EQ(model.SelectedSlot(), 2);
+}
+
+TEST(ViewModelTest, SelectsByIdentifierAmongTheRowsShown) {
+    CViewModel model;
+    model.SetPageRows(10);
+    model.Update(0, named("al2501"));
+    model.Update(1, named("cu2501"));
+    EXPECT_EQ(model.SelectedId(), "al2501");
+    EXPECT_TRUE(model.SelectId("cu2501"));
+    EXPECT_EQ(model.SelectedSlot(), 1);
+    EXPECT_FALSE(model.SelectId("cu"));
+    model.SetFilter("al");
+    EXPECT_FALSE(model.SelectId("cu2501"));
+    EXPECT_EQ(model.SelectedId(), "al2501");
+    model.SetFilter("x");
+    EXPECT_EQ(model.SelectedId(), "");
+}
+
+TEST(ViewModelTest, PagingKeepsTheSelectionOnScreen) {
+    CViewModel model;
+    model.SetPageRows(10);
+    for (uint32_t n = 0; n < 30; ++n) {
+        model.Update(n, named(("x" + std::to_string(100 + n)).c_str()));
+    }
+    auto first_and_selected = [&]() {
+        const std::vector<view_line> lines = model.ListLines(kStart);
+        std::string selected;
+        for (const view_line& line : lines) {
+            if (line.style == EViewStyle::Selected) {
+                selected = words(line.text)[1];
+            }
+        }
+        return std::make_pair(words(lines.front().text.substr(1))[0], selected);
+    };
+    EXPECT_EQ(model.ListLines(kStart).size(), 10u);
+    model.MoveEnd();
+    EXPECT_EQ(first_and_selected(), std::make_pair(std::string("x120"), std::string("x129")));
+    model.PageUp();  // index 19: scrolls up by one
+    EXPECT_EQ(first_and_selected(), std::make_pair(std::string("x119"), std::string("x119")));
+    model.MoveHome();
+    EXPECT_EQ(first_and_selected(), std::make_pair(std::string("x100"), std::string("x100")));
+    model.PageDown();  // index 10: the page ends at it
+    EXPECT_EQ(first_and_selected(), std::make_pair(std::string("x101"), std::string("x110")));
+    model.MoveBy(-100);
+    EXPECT_EQ(model.SelectedSlot(), 0);
+    model.MoveBy(100);
+    EXPECT_EQ(model.SelectedSlot(), 29);
+    model.SetPageRows(4);  // a smaller window still shows the selection
+    EXPECT_EQ(first_and_selected(), std::make_pair(std::string("x126"), std::string("x129")));
+}
+
+TEST(ViewModelTest, LadderShowsStatisticsAndTenLevelsMarkingTheLocalOnes) {
+    CViewModel model;
+    model.SetPageRows(10);
+    model.Update(quvo_shfe_slot(0), copper_record());
+    model.Announce(0, kStart - 200);
+    ASSERT_TRUE(model.OpenLadder());
+    EXPECT_TRUE(model.InLadder());
+    const std::vector<view_line> lines = model.LadderLines(kStart);
+    ASSERT_GE(lines.size(), 11u);
+    EXPECT_EQ(lines[0].text, "cu2501  SHFE  slot 0  inst_no 0  updated 09:30:15.500");
+    std::string all;
+    for (const view_line& line : lines) {
+        all += line.text + "\n";
+    }
+    for (const char* stat :
+         {"open interest  *5678", "turnover  *444370000.5", "highest  *72100", "lowest  *71900",
+          "bid total volume  *100", "ask total volume  *200", "bid total amount  *7200000",
+          "ask total amount  *14400000.25", "change_no  *10", "type  *1", "volume  *1234", "updates/s  *1"}) {
+        EXPECT_TRUE(std::regex_search(all, std::regex(stat))) << stat << "\n" << all;
+    }
+    const size_t first = lines.size() - 10;
+    EXPECT_EQ(words(lines[first - 1].text), (std::vector<std::string>{"level", "bid", "vol", "bid", "px", "|",
+                                                                      "ask", "px", "ask", "vol", "source"}));
+    for (int k = 0; k < 10; ++k) {
+        const view_line& line = lines[first + static_cast<size_t>(k)];
+        const std::vector<std::string> w = words(line.text);
+        EXPECT_EQ(w.front(), std::to_string(k + 1));
+        EXPECT_EQ(w.back(), k < 5 ? "exchange" : "local");
+        EXPECT_EQ(line.style, k < 5 ? EViewStyle::Normal : EViewStyle::Local);
+    }
+    EXPECT_EQ(words(lines[first].text),
+              (std::vector<std::string>{"1", "10", "72000", "|", "72010", "5", "exchange"}));
+    EXPECT_EQ(words(lines[first + 4].text),
+              (std::vector<std::string>{"5", "14", "71960", "|", "72050", "9", "exchange"}));
+    EXPECT_EQ(words(lines[first + 5].text), (std::vector<std::string>{"6", "2", "71950", "|", "local"}));
+    EXPECT_EQ(words(lines[first + 9].text), (std::vector<std::string>{"10", "|", "local"}));
+    // Statistics in three columns, or as many as the width has room for.
+    EXPECT_EQ(words(lines[2].text),
+              (std::vector<std::string>{"last", "72010", "change", "0", "(+0.00%)", "volume", "1234"}));
+    EXPECT_EQ(model.LadderLines(kStart, 200).size(), lines.size());
+    const std::vector<view_line> narrow = model.LadderLines(kStart, 80);
+    EXPECT_EQ(narrow.size(), lines.size() + 2);  // 14 cells: 7 lines of two, not 5 of three
+    EXPECT_EQ(words(narrow[2].text), (std::vector<std::string>{"last", "72010", "change", "0", "(+0.00%)"}));
+    for (const view_line& line : narrow) {
+        EXPECT_LE(line.text.size(), 80u) << line.text;
+    }
+    EXPECT_EQ(model.LadderLines(kStart, 30).size(), lines.size() + 9);  // one a line
+    model.CloseLadder();
+    EXPECT_FALSE(model.InLadder());
+}
+
+// Segments made as the feed makes them; the test plays the feed.
+class ViewFeedTest : public ::testing::Test, protected CFeedSegments {
+protected:
+    ViewFeedTest() {
+        m_segments.pMdArea->shfe_inst_cnt = 2;
+        m_segments.pMdArea->ine_inst_cnt = 1;
+        Write(0, named("cu2501", 100));
+        Write(1, named("al2501", 50));
+        Write(quvo_ine_slot(0), named("sc2501", 500.5));
+    }
+    ~ViewFeedTest() override { StopFeed(); }
+
+    void Write(uint32_t slot, const instrument& inst) { m_segments.pMdArea->instmts[slot] = inst; }
+    void StopFeed() {
+        if (m_segments.pMdArea != nullptr) {
+            detach_shared_segments(m_segments);
+            m_segments = SharedSegments{};
+        }
+    }
+    // The feed gone, its segments removed, and a new run that made new ones.
+    void ReplaceSegments() {
+        StopFeed();
+        for (const std::string& path : {m_sandbox.RingKeyPath(), m_sandbox.AreaKeyPath()}) {
+            ASSERT_EQ(shmctl(CShmSandbox::SegmentId(path), IPC_RMID, nullptr), 0);
+        }
+        m_segments = attach_shared_segments();
+        m_ring = CUpdateRing(m_segments.pUpdateRing);
+        m_segments.pMdArea->ine_inst_cnt = 4;
+        Write(quvo_ine_slot(2), named("nr2501", 13000));
+        Write(quvo_ine_slot(3), named("sc2501", 501));
+    }
+    double Last(uint32_t slot) const {
+        const instrument* inst = m_model.Find(slot);
+        return inst == nullptr ? -1.0 : inst->last_px;
+    }
+
+    CViewModel m_model;
+    CViewFeed m_feed{m_model};
+};
+
+TEST(ViewFeedAttach, FailsAndSaysWhyWithoutSegments) {
+    CShmSandbox sandbox;
+    CViewModel model;
+    CViewFeed feed(model);
+    std::string error;
+    EXPECT_FALSE(feed.Attach(kStart, error));
+    EXPECT_NE(error.find("is quvo-md running"), std::string::npos) << error;
+    EXPECT_EQ(feed.State(), EFeedState::Waiting);
+    EXPECT_EQ(feed.Status(kStart), "waiting for quvo-md: " + error);
+    EXPECT_EQ(feed.Poll(kStart + 1000), 0u);
+    EXPECT_EQ(model.RowCount(), 0u);
+}
+
+TEST_F(ViewFeedTest, LoadsEveryInstrumentInUseOnAttach) {
+    std::string error;
+    ASSERT_TRUE(m_feed.Attach(kStart, error)) << error;
+    EXPECT_EQ(m_model.RowCount(), 3u);
+    EXPECT_EQ(Last(quvo_ine_slot(0)), 500.5);
+    EXPECT_EQ(m_feed.State(), EFeedState::Live);
+    EXPECT_EQ(m_feed.Status(kStart), "quvo-md attached, no updates yet");
+}
+
+TEST_F(ViewFeedTest, CopiesAnnouncedRecordsAndCountsThem) {
+    std::string error;
+    ASSERT_TRUE(m_feed.Attach(kStart, error)) << error;
+    Write(1, named("al2501", 51));
+    m_ring.Publish(1);
+    m_ring.Publish(1);
+    m_segments.pMdArea->shfe_inst_cnt = 3;
+    Write(2, named("zn2501", 20));
+    m_ring.Publish(2);
+    EXPECT_EQ(m_feed.Poll(kStart + 10), 3u);
+    EXPECT_EQ(Last(1), 51);
+    EXPECT_EQ(Last(2), 20);
+    EXPECT_EQ(m_model.RowCount(), 4u);
+    EXPECT_EQ(m_feed.Poll(kStart + 20), 0u);
+    EXPECT_EQ(m_model.TotalPerSecond(kStart + 1000), 3u);
+    EXPECT_EQ(m_feed.Status(kStart + 20), "quvo-md live");
+    EXPECT_EQ(m_feed.Status(kStart + 2010), "quvo-md attached, no updates for 2 s");
+}
+
+TEST_F(ViewFeedTest, FollowsTheRingAfterTheFeedRestartsOnTheSameSegments) {
+    for (int i = 0; i < 50; ++i) {
+        m_ring.Publish(0);
+    }
+    std::string error;
+    ASSERT_TRUE(m_feed.Attach(kStart, error)) << error;
+    m_ring.Publish(0);
+    EXPECT_EQ(m_feed.Poll(kStart + 10), 1u);
+    // A new run: the ring refilled with end markers, announcements from entry 0.
+    m_ring = CUpdateRing(m_segments.pUpdateRing);
+    m_ring.Reset();
+    m_ring.Publish(0);
+    EXPECT_EQ(m_feed.Poll(kStart + 20), 0u);
+    m_feed.Poll(kStart + CViewFeed::kCheckMs + 20);  // notices the reset
+    Write(1, named("al2501", 52));
+    m_ring.Publish(1);
+    // Both announcements of the new run; before the next full copy, so only
+    // the announcement brings the change.
+    EXPECT_EQ(m_feed.Poll(kStart + CViewFeed::kCheckMs + 30), 2u);
+    EXPECT_EQ(Last(1), 52);
+}
+
+TEST_F(ViewFeedTest, CopiesEveryInstrumentPeriodicallyWithoutAnnouncements) {
+    std::string error;
+    ASSERT_TRUE(m_feed.Attach(kStart, error)) << error;
+    Write(0, named("cu2501", 101));
+    m_segments.pMdArea->shfe_inst_cnt = 1;  // al2501 no longer listed
+    m_feed.Poll(kStart + CViewFeed::kFullCopyMs - 1);
+    EXPECT_EQ(Last(0), 100);
+    EXPECT_EQ(m_model.RowCount(), 3u);
+    m_feed.Poll(kStart + CViewFeed::kFullCopyMs);
+    EXPECT_EQ(Last(0), 101);
+    EXPECT_EQ(m_model.RowCount(), 2u);
+    EXPECT_EQ(m_model.Find(1), nullptr);
+}
+
+TEST_F(ViewFeedTest, WaitsWhileNothingElseHoldsTheSegments) {
+    std::string error;
+    ASSERT_TRUE(m_feed.Attach(kStart, error)) << error;
+    StopFeed();
+    m_feed.Poll(kStart + CViewFeed::kCheckMs);
+    EXPECT_EQ(m_feed.State(), EFeedState::Stopped);
+    EXPECT_EQ(m_feed.Status(kStart + CViewFeed::kCheckMs).rfind("waiting for quvo-md", 0), 0u);
+    EXPECT_EQ(m_model.RowCount(), 3u);  // the books it left
+    m_segments = attach_shared_segments();
+    m_feed.Poll(kStart + 2 * CViewFeed::kCheckMs);
+    EXPECT_EQ(m_feed.State(), EFeedState::Live);
+}
+
+TEST_F(ViewFeedTest, AttachesAnewWhenTheSegmentsAreReplaced) {
+    std::string error;
+    ASSERT_TRUE(m_feed.Attach(kStart, error)) << error;
+    m_model.SetPageRows(10);
+    ASSERT_TRUE(m_model.SelectId("sc2501"));
+    ReplaceSegments();
+    int64_t now = kStart + CViewFeed::kCheckMs;
+    m_feed.Poll(now);
+    EXPECT_EQ(m_feed.State(), EFeedState::Waiting);
+    EXPECT_EQ(m_feed.Status(now), "waiting for quvo-md: its segments were removed");
+    EXPECT_EQ(m_model.RowCount(), 3u);  // the books it left
+    m_feed.Poll(now + 1);
+    EXPECT_EQ(m_feed.State(), EFeedState::Live);
+    EXPECT_EQ(m_model.RowCount(), 2u);
+    EXPECT_EQ(Last(quvo_ine_slot(2)), 13000);
+    // The selected instrument stays selected in its new slot.
+    EXPECT_EQ(m_model.SelectedSlot(), static_cast<int>(quvo_ine_slot(3)));
+
+    // Removed with no new run: retried every kRetryMs until one comes.
+    StopFeed();
+    for (const std::string& path : {m_sandbox.RingKeyPath(), m_sandbox.AreaKeyPath()}) {
+        ASSERT_EQ(shmctl(CShmSandbox::SegmentId(path), IPC_RMID, nullptr), 0);
+    }
+    now += CViewFeed::kCheckMs + 1;
+    m_feed.Poll(now);
+    m_feed.Poll(now + 1);
+    EXPECT_EQ(m_feed.State(), EFeedState::Waiting);
+    EXPECT_NE(m_feed.Status(now + 1).find("is quvo-md running"), std::string::npos) << m_feed.Status(now + 1);
+    m_segments = attach_shared_segments();
+    m_segments.pMdArea->shfe_inst_cnt = 1;
+    Write(0, named("cu2501", 99));
+    m_feed.Poll(now + 2);
+    EXPECT_EQ(m_feed.State(), EFeedState::Waiting);  // not yet due
+    m_feed.Poll(now + 1 + CViewFeed::kRetryMs);
+    EXPECT_EQ(m_feed.State(), EFeedState::Live);
+    EXPECT_EQ(Last(0), 99);
+}
+
+}  // namespace

@@ -1,0 +1,193 @@
+// What quvo-view shows, kept apart from the terminal: the instruments and
+// their last copies, the selection, the search filter, update rates, the
+// text of the list and ladder screens, and the attachment to quvo-md's shared
+// memory that feeds them. Single-threaded; times are steady-clock
+// milliseconds passed in by the caller.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "interface/quvoreader.h"
+
+// Prices and amounts as quvo-dump's table writes them (fifteen significant digits).
+std::string view_number(double value);
+// `last` minus `first`, with as many decimals as the more precise of the two
+// ("+20", "-0.2", "0"); empty when `first` is 0.
+std::string view_change(double last, double first);
+// The change as a percentage of `first` ("+0.03%"); empty when `first` is 0.
+std::string view_change_percent(double last, double first);
+// Whether `inst` carries a last price: 0 until the first trade, but a spread
+// may trade at 0 once volume exists.
+bool view_has_last(const instrument& inst);
+
+// Announcements per slot over a sliding one-second window of ten buckets.
+class CUpdateRate {
+public:
+    static constexpr int64_t kBucketMs = 100;
+    static constexpr int kBuckets = 10;
+
+    CUpdateRate();
+    void Add(uint32_t slot, int64_t nowMs);
+    // Announcements of `slot` in the ten full buckets before the one holding `nowMs`.
+    uint32_t PerSecond(uint32_t slot, int64_t nowMs) const;
+    // The same over every slot.
+    uint32_t TotalPerSecond(int64_t nowMs) const;
+    void Clear();
+
+private:
+    // One spare bucket: the current one must not overwrite the oldest counted.
+    struct rate_window {
+        int64_t bucket[kBuckets + 1];
+        uint32_t count[kBuckets + 1];
+    };
+    static void _Add(rate_window& window, int64_t nowMs);
+    static uint32_t _Sum(const rate_window& window, int64_t nowMs);
+
+    std::vector<rate_window> m_slots;
+    rate_window m_total;
+};
+
+enum class EViewStyle { Normal, Heading, Selected, Local };
+
+struct view_line {
+    std::string text;
+    EViewStyle style = EViewStyle::Normal;
+};
+
+class CViewModel {
+public:
+    CViewModel();
+
+    // Adds or replaces the row of `slot`. The first last price seen for an
+    // identifier stays its baseline for the change column, across ClearRows.
+    void Update(uint32_t slot, const instrument& inst);
+    void Announce(uint32_t slot, int64_t nowMs) { m_rate.Add(slot, nowMs); }
+    // Drops the rows of slots not in `slots`; the selection stays on its
+    // instrument when it is kept.
+    void Keep(const std::vector<uint32_t>& slots);
+    // Drops every row and rate, keeping the baselines and the filter.
+    void ClearRows();
+    size_t RowCount() const { return m_rows.size(); }
+    // The row of `slot`, or nullptr.
+    const instrument* Find(uint32_t slot) const;
+    uint32_t TotalPerSecond(int64_t nowMs) const { return m_rate.TotalPerSecond(nowMs); }
+
+    // Rows whose identifier starts with `prefix`, ignoring case; "" shows all.
+    // The selection stays on its instrument when it is still shown, else it
+    // goes to the first row shown.
+    void SetFilter(const std::string& prefix);
+    const std::string& Filter() const { return m_filter; }
+    size_t VisibleCount() const { return m_visible.size(); }
+
+    // Rows the list screen has room for; at least 1.
+    void SetPageRows(int rows);
+    void MoveBy(int delta);
+    void PageUp() { MoveBy(-m_pageRows); }
+    void PageDown() { MoveBy(m_pageRows); }
+    void MoveHome();
+    void MoveEnd();
+    // Slot of the selected row, or -1 when no row is shown. Until the user
+    // moves the selection (or SelectId), it stays on the first row shown.
+    int SelectedSlot() const;
+    // Whether the user moved the selection (or SelectId chose it).
+    bool Chosen() const { return m_chosen; }
+    // Identifier of the selected row, "" when no row is shown.
+    std::string SelectedId() const;
+    // Selects the row shown with identifier `id`; false when there is none.
+    bool SelectId(const std::string& id);
+
+    // The ladder shows the selected instrument; false when there is none.
+    bool OpenLadder();
+    void CloseLadder() { m_inLadder = false; }
+    bool InLadder() const { return m_inLadder; }
+
+    static std::string ListHeading();
+    // The rows of the current page, the selected one styled Selected.
+    std::vector<view_line> ListLines(int64_t nowMs) const;
+    // Header, statistics and ten levels a side of the selected instrument;
+    // the statistics take three columns, fewer when `width` (0: any) is short.
+    std::vector<view_line> LadderLines(int64_t nowMs, int width = 0) const;
+
+private:
+    struct view_row {
+        uint32_t slot;
+        instrument inst;
+        bool hasBaseline;
+        double baseline;
+    };
+
+    // SHFE by instrument number, then INE by instrument number.
+    static uint32_t _Order(uint32_t slot);
+    bool _Matches(const instrument& inst) const;
+    void _Rebuild();
+    int _SelectedIndex() const;
+    void _SelectIndex(int index);
+
+    std::vector<view_row> m_rows;
+    std::vector<int32_t> m_rowOfSlot;
+    std::vector<size_t> m_visible;  // indices into m_rows
+    std::unordered_map<std::string, double> m_baselines;
+    CUpdateRate m_rate;
+    std::string m_filter;
+    int m_selectedSlot = -1;
+    int m_top = 0;
+    int m_pageRows = 1;
+    bool m_inLadder = false;
+    bool m_chosen = false;
+};
+
+enum class EFeedState {
+    Waiting,  // not attached: no segments, or they were removed
+    Stopped,  // attached, but no other process holds the segments
+    Live,     // attached, and another process (the feed) holds them
+};
+
+// Keeps a CViewModel in step with quvo-md's shared memory.
+class CViewFeed {
+public:
+    static constexpr int64_t kCheckMs = 250;
+    static constexpr int64_t kRetryMs = 500;
+    static constexpr int64_t kFullCopyMs = 1000;
+
+    explicit CViewFeed(CViewModel& model) : m_model(model) {}
+
+    // Attaches and loads every instrument in use; false with `error` when the
+    // segments cannot be attached (nothing changes then).
+    bool Attach(int64_t nowMs, std::string& error);
+    // Reads the ring's new announcements and copies the records they name.
+    // Every kCheckMs it checks that the segments are still the ones keyed by
+    // the key files, attaching anew (every kRetryMs while that fails) when
+    // they were removed or replaced, and starts following the ring again when
+    // the feed restarted on the same segments and cleared it. Every
+    // kFullCopyMs every instrument in use is copied. Returns the number of
+    // announcements read.
+    size_t Poll(int64_t nowMs);
+
+    EFeedState State() const { return m_state; }
+    // One line for the status bar.
+    std::string Status(int64_t nowMs) const;
+
+private:
+    void _Load();
+    void _Check(int64_t nowMs);
+    void _Copy(uint32_t slot);
+    static int _SegmentId(const char* keyFile);
+
+    CViewModel& m_model;
+    CQuvoReader m_reader;
+    std::optional<CRingFollower> m_follower;
+    int m_ringId = -1;
+    int m_areaId = -1;
+    EFeedState m_state = EFeedState::Waiting;
+    std::string m_waitReason = "not attached yet";
+    int64_t m_nextCheck = 0;
+    int64_t m_nextRetry = 0;
+    int64_t m_nextFullCopy = 0;
+    int64_t m_lastAnnounce = -1;
+    std::vector<char> m_pending;
+    std::vector<uint16_t> m_pendingSlots;
+};
