@@ -73,11 +73,11 @@ public:
     // never creating them. On failure nothing stays attached and `error` says why.
     bool Attach(std::string& error) {
         Detach();
-        const void* ring = _AttachSegment(QUVO_UPDATE_RING_KEY_FILE, QUVO_UPDATE_RING_SIZE, error);
+        const void* ring = _AttachSegment(QUVO_UPDATE_RING_KEY_FILE, QUVO_UPDATE_RING_SIZE, m_ringId, error);
         if (ring == nullptr) {
             return false;
         }
-        const void* area = _AttachSegment(QUVO_MD_AREA_KEY_FILE, QUVO_MD_AREA_SIZE, error);
+        const void* area = _AttachSegment(QUVO_MD_AREA_KEY_FILE, QUVO_MD_AREA_SIZE, m_areaId, error);
         if (area == nullptr) {
             shmdt(ring);
             return false;
@@ -99,6 +99,25 @@ public:
     }
 
     bool IsAttached() const { return m_pArea != nullptr; }
+
+    // Whether the key files still name the segments attached. False once they
+    // were removed or made anew: what stays attached is no longer written,
+    // so detach and attach again.
+    bool IsCurrent() const {
+        return IsAttached() && _SegmentId(quvo_key_path(QUVO_UPDATE_RING_KEY_FILE)) == m_ringId &&
+               _SegmentId(quvo_key_path(QUVO_MD_AREA_KEY_FILE)) == m_areaId;
+    }
+
+    // Processes attached to the market-data area, this one included; -1 when
+    // not attached or it cannot be read. More than 1 means the feed (or
+    // another reader) holds the area.
+    long AttachCount() const {
+        struct shmid_ds segment {};
+        if (!IsAttached() || shmctl(m_areaId, IPC_STAT, &segment) != 0) {
+            return -1;
+        }
+        return static_cast<long>(segment.shm_nattch);
+    }
     const share* Area() const { return m_pArea; }
     // QUVO_UPDATE_RING_ENTRIES entries; follow them with CRingFollower.
     const uint16_t* Ring() const { return m_pRing; }
@@ -134,7 +153,13 @@ public:
     }
 
 private:
-    static const void* _AttachSegment(const char* keyFile, size_t expectedSize, std::string& error) {
+    // The segment keyed by `path`, or -1 (errno set) when there is none.
+    static int _SegmentId(const std::string& path) {
+        const key_t key = ftok(path.c_str(), QUVO_SHM_PROJ_ID);
+        return key == -1 ? -1 : shmget(key, 0, 0);
+    }
+
+    static const void* _AttachSegment(const char* keyFile, size_t expectedSize, int& id, std::string& error) {
         const std::string path = quvo_key_path(keyFile);
         struct stat info {};
         if (stat(path.c_str(), &info) != 0) {
@@ -147,7 +172,7 @@ private:
             error = "cannot make a key from " + path + ": " + strerror(errno);
             return nullptr;
         }
-        const int id = shmget(key, 0, 0);
+        id = shmget(key, 0, 0);
         if (id == -1) {
             error = errno == ENOENT
                         ? "no market-data segment for key file " + path + ": is quvo-md running on this host?"
@@ -185,6 +210,8 @@ private:
 
     const uint16_t* m_pRing = nullptr;
     const share* m_pArea = nullptr;
+    int m_ringId = -1;
+    int m_areaId = -1;
 };
 
 // Follows the update ring from the end it finds at construction.

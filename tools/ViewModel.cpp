@@ -1,8 +1,5 @@
 #include "tools/ViewModel.h"
 
-#include <sys/ipc.h>
-#include <sys/shm.h>
-
 #include <algorithm>
 #include <cctype>
 #include <cmath>
@@ -435,8 +432,6 @@ bool CViewFeed::Attach(int64_t nowMs, std::string& error) {
         m_waitReason = error;
         return false;
     }
-    m_ringId = _SegmentId(QUVO_UPDATE_RING_KEY_FILE);
-    m_areaId = _SegmentId(QUVO_MD_AREA_KEY_FILE);
     m_follower.emplace(m_reader.Ring());
     m_pending.assign(QUVO_INST_SLOTS, 0);
     m_pendingSlots.clear();
@@ -535,7 +530,7 @@ void CViewFeed::_Copy(uint32_t slot) {
 }
 
 void CViewFeed::_Check(int64_t nowMs) {
-    if (_SegmentId(QUVO_UPDATE_RING_KEY_FILE) != m_ringId || _SegmentId(QUVO_MD_AREA_KEY_FILE) != m_areaId) {
+    if (!m_reader.IsCurrent()) {
         // Removed or created anew: what stays attached is no longer written.
         m_reader.Detach();
         m_follower.reset();
@@ -549,12 +544,5 @@ void CViewFeed::_Check(int64_t nowMs) {
     if (m_follower->CheckRestart()) {
         _Load();
     }
-    struct shmid_ds info {};
-    const bool held = shmctl(m_areaId, IPC_STAT, &info) == 0 && info.shm_nattch > 1;
-    m_state = held ? EFeedState::Live : EFeedState::Stopped;
-}
-
-int CViewFeed::_SegmentId(const char* keyFile) {
-    const key_t key = ftok(quvo_key_path(keyFile).c_str(), QUVO_SHM_PROJ_ID);
-    return key == -1 ? -1 : shmget(key, 0, 0);
+    m_state = m_reader.AttachCount() > 1 ? EFeedState::Live : EFeedState::Stopped;
 }

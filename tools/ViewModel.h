@@ -175,13 +175,10 @@ private:
     void _Load();
     void _Check(int64_t nowMs);
     void _Copy(uint32_t slot);
-    static int _SegmentId(const char* keyFile);
 
     CViewModel& m_model;
     CQuvoReader m_reader;
     std::optional<CRingFollower> m_follower;
-    int m_ringId = -1;
-    int m_areaId = -1;
     EFeedState m_state = EFeedState::Waiting;
     std::string m_waitReason = "not attached yet";
     int64_t m_nextCheck = 0;

@@ -8,6 +8,25 @@
 #include <vector>
 
 #include "src/tcp/ExanicTcpFunc.h"
+#include "src/tcp/MdqpRecord.h"
+
+// Deal information of instrument `instNo` with its limits; the statistics
+// differ per instrument so that a value landing in the wrong slot shows.
+inline DealInfoField MakeDeal(int32_t instNo, double last, double upper, double lower) {
+    DealInfoField deal{};
+    deal.inst_no = instNo;
+    deal.last_price = last;
+    deal.volume = 10 + instNo;
+    deal.turnover = last * 100;
+    deal.open_interest = 1000;
+    deal.highest_price = last + 5;
+    deal.lowest_price = last - 5;
+    deal.upper_limit_price = upper;
+    deal.lower_limit_price = lower;
+    deal.update_mill_sec = 500;
+    deal.change_no = instNo + 1;
+    return deal;
+}
 
 // Reaches CExanicTcpFunc's private steps, which the tests drive directly.
 class CExanicTcpFuncTestAccess {

@@ -33,22 +33,6 @@ std::string IdOf(const instrument& inst) {
     return std::string(p, strnlen(p, sizeof(inst.inst_id)));
 }
 
-DealInfoField MakeDeal(int32_t instNo, double last, double upper, double lower) {
-    DealInfoField d{};
-    d.inst_no = instNo;
-    d.last_price = last;
-    d.volume = 10;
-    d.turnover = 1000.0;
-    d.open_interest = 50.0;
-    d.highest_price = last + 5;
-    d.lowest_price = last - 5;
-    d.upper_limit_price = upper;
-    d.lower_limit_price = lower;
-    d.update_mill_sec = 500;
-    d.change_no = 1;
-    return d;
-}
-
 // The message with its length field set to `length`, whatever its bytes.
 std::vector<char> WithLength(std::vector<char> msg, uint16_t length) {
     memcpy(msg.data() + offsetof(MdqpHeader, length), &length, sizeof(length));

@@ -54,22 +54,6 @@ TcpSegmentSpec At(uint32_t seq, uint16_t port = kPort) {
     return segment;
 }
 
-DealInfoField MakeDeal(int32_t instNo, double last, double upper, double lower) {
-    DealInfoField deal{};
-    deal.inst_no = instNo;
-    deal.last_price = last;
-    deal.volume = 10 + instNo;
-    deal.turnover = last * 100;
-    deal.open_interest = 1000;
-    deal.highest_price = last + 5;
-    deal.lowest_price = last - 5;
-    deal.upper_limit_price = upper;
-    deal.lower_limit_price = lower;
-    deal.update_mill_sec = 500;
-    deal.change_no = instNo + 1;
-    return deal;
-}
-
 // 134 bytes: header, SnapField, one InstInfoField.
 Bytes StartMessage(int16_t topic = kShfeTopic, int32_t instNo = 0) {
     return CMdqpMessageBuilder(kMdqpFlagMore, 1)

@@ -281,6 +281,40 @@ TEST_F(ReaderTest, DetachesBothSegmentsOnDestruction) {
     EXPECT_EQ(CShmSandbox::AttachCount(m_sandbox.AreaKeyPath()), area);
 }
 
+TEST_F(ReaderTest, AttachCountIncludesTheFeedAndEveryReader) {
+    // The fixture's feed side and m_reader.
+    EXPECT_EQ(m_reader.AttachCount(), 2);
+    {
+        CQuvoReader second;
+        std::string error;
+        ASSERT_TRUE(second.Attach(error)) << error;
+        EXPECT_EQ(m_reader.AttachCount(), 3);
+    }
+    detach_shared_segments(m_segments);
+    m_segments = SharedSegments{};
+    EXPECT_EQ(m_reader.AttachCount(), 1);
+    m_reader.Detach();
+    EXPECT_EQ(m_reader.AttachCount(), -1);
+}
+
+TEST_F(ReaderTest, IsCurrentUntilTheSegmentsAreRemovedOrMadeAnew) {
+    EXPECT_TRUE(m_reader.IsCurrent());
+    detach_shared_segments(m_segments);
+    m_segments = SharedSegments{};
+    // The feed gone but its segments kept: still the current ones.
+    EXPECT_TRUE(m_reader.IsCurrent());
+    ASSERT_EQ(shmctl(CShmSandbox::SegmentId(m_sandbox.AreaKeyPath()), IPC_RMID, nullptr), 0);
+    EXPECT_FALSE(m_reader.IsCurrent());
+    // A new feed makes them anew under the same key files.
+    m_segments = attach_shared_segments();
+    EXPECT_FALSE(m_reader.IsCurrent());
+    std::string error;
+    ASSERT_TRUE(m_reader.Attach(error)) << error;
+    EXPECT_TRUE(m_reader.IsCurrent());
+    m_reader.Detach();
+    EXPECT_FALSE(m_reader.IsCurrent());
+}
+
 TEST_F(ReaderTest, ConsistentCopyReturnsTheRecord) {
     instrument& source = Slot(quvo_ine_slot(0));
     set_id(source, "sc2501");
