@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Sets up a fresh machine, then builds and runs every test in the release and
-# asan (AddressSanitizer + UndefinedBehaviorSanitizer) presets, then fuzzes the
-# decoded-record parser and the snapshot packet handler for a bounded time
-# (fuzz preset). Fails if any step fails.
+# asan (AddressSanitizer + UndefinedBehaviorSanitizer) presets, and in the card
+# preset (the card library built from its source, QUVO_EXANIC_SRC, default
+# ../shared/libexanic), then fuzzes the decoded-record parser and the snapshot
+# packet handler for a bounded time (fuzz preset). Fails if any step fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -17,6 +18,20 @@ for preset in release asan; do
     ctest --preset "$preset"
 done
 echo "=== all tests passed in release and asan"
+
+exanic_src="${QUVO_EXANIC_SRC:-../shared/libexanic}"
+if [ -f "$exanic_src/fifo_rx.c" ]; then
+    exanic_src="$(cd "$exanic_src" && pwd)"
+    echo "=== card: configure (libexanic from $exanic_src)"
+    cmake --preset card -DQUVO_EXANIC_SRC="$exanic_src"
+    echo "=== card: build"
+    cmake --build --preset card
+    echo "=== card: test"
+    ctest --preset card
+    echo "=== all tests passed in card"
+else
+    echo "=== card: skipped, no libexanic source at $exanic_src (set QUVO_EXANIC_SRC)"
+fi
 
 echo "=== fuzz: configure"
 cmake --preset fuzz

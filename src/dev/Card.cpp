@@ -45,7 +45,8 @@ void SetLastError(const std::string& text) {
 
 bool card_is_software(const char* device) {
     const std::string name(device);
-    return name.rfind("replay:", 0) == 0 || name == "sim" || name.rfind("sim:", 0) == 0;
+    std::string options;
+    return name.rfind("replay:", 0) == 0 || soft_card_find_source(name, options) != nullptr;
 }
 
 CardHandle* card_acquire_handle(const char* device) {
@@ -132,13 +133,23 @@ CardRx* card_acquire_rx_buffer(CardHandle* handle, int port, int bufferNumber) {
             SetLastError(why);
             return nullptr;
         }
-        rx->pSoftCard = handle->softCard.get();
-        rx->pSoftPort = rx->pSoftCard->GetPort(port);
-        if (rx->pSoftPort == nullptr || bufferNumber != 0) {
+        if ((port != 0 && port != 1) || bufferNumber != 0) {
             SetLastError("the software card has ports 0 and 1 with buffer 0 only, not port " +
                          std::to_string(port) + " buffer " + std::to_string(bufferNumber));
             return nullptr;
         }
+        rx->pSoftCard = handle->softCard.get();
+        rx->softPort = port;
+#if QUVO_HAVE_EXANIC
+        if (rx->pSoftCard->UsesRing()) {
+            rx->pExanicRx = &rx->softReader;
+            rx->pSoftCard->AttachRing(port, rx->softReader);
+        } else {
+            rx->pSoftCard->AttachDirect(port);
+        }
+#else
+        rx->pSoftCard->AttachDirect(port);
+#endif
         rx->pSoftCard->NoteEvent("rx " + std::to_string(port) + " acquired");
         return Keep(handle, std::move(rx));
     }
@@ -156,11 +167,15 @@ CardRx* card_acquire_rx_buffer(CardHandle* handle, int port, int bufferNumber) {
 
 void card_release_rx_buffer(CardRx* rx) {
     if (rx->pSoftCard != nullptr) {
-        rx->pSoftCard->NoteEvent(std::string("rx ") +
-                                 (rx->pSoftPort == rx->pSoftCard->GetPort(0) ? "0" : "1") + " released");
+        rx->pSoftCard->NoteEvent("rx " + std::to_string(rx->softPort) + " released");
+#if QUVO_HAVE_EXANIC
+        if (rx->pSoftCard->UsesRing()) {
+            rx->pSoftCard->NoteReaderReleased(rx->softPort, rx->softReader);
+        }
+#endif
     }
 #if QUVO_HAVE_EXANIC
-    if (rx->pExanicRx != nullptr) {
+    else if (rx->pExanicRx != nullptr) {
         exanic_release_rx_buffer(rx->pExanicRx);
     }
 #endif

@@ -1,7 +1,9 @@
 // The card facade: the seven libexanic calls the feed uses, dispatched to
 // libexanic for a card name, or to the software card for "replay:..." and
-// "sim..." devices. Only the receive call is on a hot path; it costs one
-// predictable branch over calling libexanic directly.
+// registered simulator devices. Only the receive call is on a hot path. In
+// the card build every frame, a software card's too, is read by the
+// library's exanic_receive_frame; without the library the software card
+// answers the call itself.
 #pragma once
 
 #include <sys/types.h>
@@ -14,25 +16,28 @@
 #if QUVO_HAVE_EXANIC
 #include <exanic/exanic.h>
 #include <exanic/fifo_rx.h>
+#include <exanic/util.h>
 #endif
 
 struct CardHandle;
 
-// A receive buffer of one port. Exactly one backend pointer is set.
+// A receive buffer of one port: a card's, or a software card's port.
 struct CardRx {
 #if QUVO_HAVE_EXANIC
+    // The library's reader: of the card's DMA buffer, or of a software
+    // card's ring (then it is softReader).
     exanic_rx_t* pExanicRx;
+    exanic_rx_t softReader;
 #endif
     CSoftCard* pSoftCard;
-    CSoftPort* pSoftPort;
+    int softPort;
     CardHandle* pHandle;
 };
 
 // Returned by card_receive_frame for a frame longer than the caller's buffer.
-constexpr ssize_t CARD_RX_FRAME_TRUNCATED = CSoftPort::kTruncated;
-#if QUVO_HAVE_EXANIC
-static_assert(CARD_RX_FRAME_TRUNCATED == -EXANIC_RX_FRAME_TRUNCATED, "software card must match libexanic");
-#endif
+constexpr ssize_t CARD_RX_FRAME_TRUNCATED = -RX_FRAME_TRUNCATED;
+// Returned by card_receive_frame after the reader was lapped.
+constexpr ssize_t CARD_RX_FRAME_SWOVFL = -RX_FRAME_SWOVFL;
 
 // True for device strings served by the software card.
 bool card_is_software(const char* device);
@@ -55,12 +60,19 @@ CSoftCard* card_get_soft_card(CardHandle* handle);
 int card_get_ref_count(const char* device);
 
 // Copies one whole frame into `buf` and returns its length; 0 when no frame
-// waits; negative on error (CARD_RX_FRAME_TRUNCATED when it does not fit).
+// waits; negative on error: CARD_RX_FRAME_TRUNCATED when it does not fit,
+// CARD_RX_FRAME_SWOVFL when frames were lost, or minus a hardware frame
+// status (ERxFrameStatus).
 inline ssize_t card_receive_frame(CardRx* rx, char* buf, size_t size) {
 #if QUVO_HAVE_EXANIC
-    if (__builtin_expect(rx->pExanicRx != nullptr, 1)) {
-        return exanic_receive_frame(rx->pExanicRx, buf, size, nullptr);
+    if (__builtin_expect(rx->pSoftCard != nullptr, 0)) {
+        if (!rx->pSoftCard->UsesRing()) {
+            return rx->pSoftCard->ReceiveDirect(rx->softPort, buf, size);
+        }
+        rx->pSoftCard->FillRing(rx->softPort, *rx->pExanicRx);
     }
+    return exanic_receive_frame(rx->pExanicRx, buf, size, nullptr);
+#else
+    return rx->pSoftCard->ReceiveDirect(rx->softPort, buf, size);
 #endif
-    return rx->pSoftCard->Receive(rx->pSoftPort, buf, size);
 }

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <limits>
 
 namespace {
 
@@ -87,4 +88,42 @@ bool load_pcap(const std::string& path, bool requireEthernet, std::vector<char>&
     }
     pcap_close(pcap);
     return true;
+}
+
+CReplaySource::CReplaySource(const ReplayOptions& options, volatile uint32_t* registers)
+    : m_options(options),
+      m_clock(options.speed),
+      m_port0(registers, REG_DECODE_DATA, m_clock),
+      m_port1(registers, REG_ORIG_DATA, m_clock) {}
+
+std::unique_ptr<CReplaySource> CReplaySource::Open(const std::string& text, volatile uint32_t* registers,
+                                                   std::string& error) {
+    ReplayOptions options;
+    if (!parse_replay_options(text, options, error)) {
+        return nullptr;
+    }
+    std::unique_ptr<CReplaySource> source(new CReplaySource(options, registers));
+    int64_t origin = std::numeric_limits<int64_t>::max();
+    struct Capture {
+        const std::string& path;
+        bool ethernet;
+        CSoftPort& port;
+    };
+    for (const Capture& capture : {Capture{options.raw, true, source->m_port1},
+                                   Capture{options.decoded, false, source->m_port0}}) {
+        if (capture.path.empty()) {
+            continue;
+        }
+        std::vector<char> bytes;
+        std::vector<SoftFrame> frames;
+        if (!load_pcap(capture.path, capture.ethernet, bytes, frames, error)) {
+            return nullptr;
+        }
+        if (!frames.empty() && frames.front().timeNs < origin) {
+            origin = frames.front().timeNs;
+        }
+        capture.port.Load(std::move(bytes), std::move(frames));
+    }
+    source->m_clock.SetOrigin(origin == std::numeric_limits<int64_t>::max() ? 0 : origin);
+    return source;
 }

@@ -1,13 +1,14 @@
 #include "src/dev/soft/SoftCard.h"
 
+#include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
+#include <map>
 
 #include "src/dev/soft/ReplayClock.h"
 #include "src/dev/soft/ReplaySource.h"
-#include "src/dev/soft/SimDevice.h"
 
 CSoftPort::CSoftPort(volatile uint32_t* registers, uint32_t streamRegister, CReplayClock& clock)
     : m_pRegisters(registers), m_streamRegister(streamRegister), m_refClock(clock) {}
@@ -29,13 +30,13 @@ bool CSoftPort::IsIdle() const {
            __atomic_load_n(&m_pRegisters[m_streamRegister], __ATOMIC_RELAXED) != 1;
 }
 
-ssize_t CSoftPort::Receive(char* buf, size_t size) {
+ESoftNext CSoftPort::Next(SoftFrameRef& out) {
     if (m_next == m_frames.size()) {
-        return 0;
+        return SOFT_NEXT_NONE;
     }
     const SoftFrame& frame = m_frames[m_next];
     if (m_refClock.IsPaced() && !m_refClock.IsDue(frame.timeNs)) {
-        return 0;
+        return SOFT_NEXT_NONE;
     }
     ++m_next;
     if (m_next == m_frames.size()) {
@@ -44,15 +45,14 @@ ssize_t CSoftPort::Receive(char* buf, size_t size) {
     // The card drops what arrives while its stream is off.
     if (__atomic_load_n(&m_pRegisters[m_streamRegister], __ATOMIC_RELAXED) != 1) {
         m_dropped.fetch_add(1, std::memory_order_relaxed);
-        return 0;
+        return SOFT_NEXT_DROPPED;
     }
-    if (frame.length > size) {
-        m_truncated.fetch_add(1, std::memory_order_relaxed);
-        return kTruncated;
-    }
-    memcpy(buf, m_data.data() + frame.offset, frame.length);
+    out.data = m_data.data() + frame.offset;
+    out.length = frame.length;
+    out.status = frame.status;
+    out.timestamp = static_cast<uint32_t>(frame.timeNs);
     m_delivered.fetch_add(1, std::memory_order_relaxed);
-    return static_cast<ssize_t>(frame.length);
+    return SOFT_NEXT_FRAME;
 }
 
 namespace {
@@ -60,6 +60,17 @@ namespace {
 std::mutex g_failureMutex;
 std::string g_pendingFailure[SOFT_STEP_COUNT];
 bool g_failurePending[SOFT_STEP_COUNT] = {};
+
+std::mutex g_sourceMutex;
+
+// Made on first use and never destroyed: registrations run from static
+// initialisers, in any order.
+std::map<std::string, SoftSourceFactory>& Sources() {
+    static auto* sources = new std::map<std::string, SoftSourceFactory>();
+    return *sources;
+}
+
+std::atomic<bool> g_useRing{QUVO_HAVE_EXANIC != 0};
 
 volatile uint32_t* AllocateRegisters() {
     void* window = aligned_alloc(4096, CSoftCard::kRegisterWords * sizeof(uint32_t));
@@ -71,6 +82,24 @@ volatile uint32_t* AllocateRegisters() {
 }
 
 }  // namespace
+
+bool soft_card_register_source(const char* name, SoftSourceFactory factory) {
+    std::lock_guard<std::mutex> lock(g_sourceMutex);
+    Sources()[name] = factory;
+    return true;
+}
+
+SoftSourceFactory soft_card_find_source(const std::string& device, std::string& options) {
+    const size_t colon = device.find(':');
+    const std::string name = device.substr(0, colon);
+    std::lock_guard<std::mutex> lock(g_sourceMutex);
+    const auto found = Sources().find(name);
+    if (found == Sources().end()) {
+        return nullptr;
+    }
+    options = colon == std::string::npos ? std::string() : device.substr(colon + 1);
+    return found->second;
+}
 
 void soft_card_fail_next(ESoftCardStep step, const std::string& why) {
     std::lock_guard<std::mutex> lock(g_failureMutex);
@@ -88,85 +117,100 @@ bool soft_card_take_failure(ESoftCardStep step, std::string& why) {
     return true;
 }
 
-CSoftCard::CSoftCard(const std::string& device, double speed, double exitSeconds)
-    : m_device(device),
-      m_pRegisters(AllocateRegisters()),
-      m_clock(std::make_unique<CReplayClock>(speed)),
-      m_exitSeconds(exitSeconds),
-      m_lastActivityNs(monotonic_ns()) {
-    m_port0 = std::make_unique<CSoftPort>(m_pRegisters, REG_DECODE_DATA, *m_clock);
-    m_port1 = std::make_unique<CSoftPort>(m_pRegisters, REG_ORIG_DATA, *m_clock);
-    m_recorder = std::make_unique<CRegisterRecorder>(m_pRegisters);
+#if QUVO_HAVE_EXANIC
+void soft_card_use_ring(bool ring) {
+    g_useRing.store(ring, std::memory_order_relaxed);
 }
+#endif
+
+CSoftCard::CSoftCard(const std::string& device, std::unique_ptr<CSoftSource> source,
+                     volatile uint32_t* registers)
+    : m_device(device),
+      m_pRegisters(registers),
+      m_source(std::move(source)),
+      m_paced(m_source->IsPaced()),
+      m_usesRing(g_useRing.load(std::memory_order_relaxed)),
+      m_exitSeconds(m_source->GetExitSeconds()),
+      m_lastActivityNs(monotonic_ns()),
+      m_recorder(std::make_unique<CRegisterRecorder>(registers)) {}
 
 CSoftCard::~CSoftCard() {
-    m_pSim.reset();
+    const char* statsPath = getenv("QUVO_SOFT_CARD_STATS");
+    if (statsPath != nullptr && *statsPath != '\0') {
+        FILE* file = fopen(statsPath, "w");
+        if (file == nullptr || fputs(DescribeDelivery().c_str(), file) < 0) {
+            fprintf(stderr, "software card: cannot write %s: %s\n", statsPath, strerror(errno));
+        }
+        if (file != nullptr) {
+            fclose(file);
+        }
+    }
+    m_source.reset();
     m_recorder.reset();
     free(const_cast<uint32_t*>(m_pRegisters));
 }
 
 std::unique_ptr<CSoftCard> CSoftCard::Open(const std::string& device, std::string& error) {
-    if (device == "sim" || device.rfind("sim:", 0) == 0) {
-        SimOptions options;
-        if (device.size() > 4 && !sim_parse_device_options(device.substr(4), options, error)) {
-            return nullptr;
-        }
-        if (options.shfe == 0 && options.ine == 0) {
-            error = "the simulator needs instruments: shfe and ine are both 0";
-            return nullptr;
-        }
-        std::unique_ptr<CSoftCard> card(new CSoftCard(device, 0, options.exitSeconds));
-        if (card->m_pRegisters == nullptr) {
-            error = "cannot allocate the register window";
-            return nullptr;
-        }
-        card->m_pSim = std::make_unique<CSimDevice>(options, card->m_pRegisters);
-        return card;
-    }
-    if (device.rfind("replay:", 0) != 0) {
-        error = "'" + device + "' is not a software device (expected replay:... or sim...)";
+    const bool replay = device.rfind("replay:", 0) == 0;
+    std::string options;
+    SoftSourceFactory factory = replay ? nullptr : soft_card_find_source(device, options);
+    if (!replay && factory == nullptr) {
+        error = "'" + device + "' is not a software device (expected replay:... or a simulator)";
         return nullptr;
     }
-    ReplayOptions options;
-    if (!parse_replay_options(device.substr(7), options, error)) {
-        return nullptr;
-    }
-    std::unique_ptr<CSoftCard> card(new CSoftCard(device, options.speed, options.exitSeconds));
-    if (card->m_pRegisters == nullptr) {
+    volatile uint32_t* registers = AllocateRegisters();
+    if (registers == nullptr) {
         error = "cannot allocate the register window";
         return nullptr;
     }
-    int64_t origin = std::numeric_limits<int64_t>::max();
-    struct Source {
-        const std::string& path;
-        bool ethernet;
-        CSoftPort* port;
-    };
-    for (const Source& source : {Source{options.raw, true, card->m_port1.get()},
-                                 Source{options.decoded, false, card->m_port0.get()}}) {
-        if (source.path.empty()) {
-            continue;
-        }
-        std::vector<char> bytes;
-        std::vector<SoftFrame> frames;
-        if (!load_pcap(source.path, source.ethernet, bytes, frames, error)) {
-            return nullptr;
-        }
-        if (!frames.empty() && frames.front().timeNs < origin) {
-            origin = frames.front().timeNs;
-        }
-        source.port->Load(std::move(bytes), std::move(frames));
+    std::unique_ptr<CSoftSource> source;
+    CReplaySource* replaySource = nullptr;
+    if (replay) {
+        std::unique_ptr<CReplaySource> opened = CReplaySource::Open(device.substr(7), registers, error);
+        replaySource = opened.get();
+        source = std::move(opened);
+    } else {
+        source = factory(options, registers, error);
     }
-    card->m_clock->SetOrigin(origin == std::numeric_limits<int64_t>::max() ? 0 : origin);
+    if (!source) {
+        free(const_cast<uint32_t*>(registers));
+        return nullptr;
+    }
+    std::unique_ptr<CSoftCard> card(new CSoftCard(device, std::move(source), registers));
+    card->m_pReplay = replaySource;
+    if (!card->_SetUp(error)) {
+        return nullptr;
+    }
     return card;
 }
 
-void CSoftCard::_WatchForExit(ssize_t received) {
-    if (received != 0) {
+bool CSoftCard::_SetUp(std::string& error) {
+#if QUVO_HAVE_EXANIC
+    if (m_usesRing) {
+        for (std::unique_ptr<CSoftRxRing>& ring : m_rings) {
+            ring = CSoftRxRing::Create();
+            if (!ring) {
+                error = "cannot allocate the receive rings";
+                return false;
+            }
+        }
+    }
+#else
+    (void)error;
+#endif
+    return true;
+}
+
+CSoftPort* CSoftCard::GetPort(int port) {
+    return m_pReplay != nullptr && (port == 0 || port == 1) ? m_pReplay->GetPort(port) : nullptr;
+}
+
+void CSoftCard::_WatchForExit(bool active) {
+    if (active) {
         m_lastActivityNs.store(monotonic_ns(), std::memory_order_relaxed);
         return;
     }
-    if (m_exitRaised.load(std::memory_order_relaxed) || !_IsIdle()) {
+    if (m_exitRaised.load(std::memory_order_relaxed) || !m_source->IsIdle()) {
         return;
     }
     const int64_t quietNs = monotonic_ns() - m_lastActivityNs.load(std::memory_order_relaxed);
@@ -176,17 +220,51 @@ void CSoftCard::_WatchForExit(ssize_t received) {
 }
 
 void CSoftCard::OnHandleReleased() {
-    if (m_pSim != nullptr) {
-        m_pSim->WriteExpected();
+    m_source->OnHandleReleased();
+}
+
+#if QUVO_HAVE_EXANIC
+void CSoftCard::NoteReaderReleased(int port, const exanic_rx_t& reader) {
+    m_lastReader[port] = reader;
+}
+#endif
+
+SoftRxFigures CSoftCard::GetFigures(int port) const {
+    SoftRxFigures figures;
+    figures.frames = m_frames[port].load(std::memory_order_relaxed);
+    figures.dropped = m_dropped[port].load(std::memory_order_relaxed);
+    figures.overruns = m_overruns[port].load(std::memory_order_relaxed);
+#if QUVO_HAVE_EXANIC
+    if (m_usesRing) {
+        figures.chunks = m_rings[port]->GetChunksWritten();
+        return figures;
     }
+#endif
+    figures.chunks = m_direct[port].GetChunksWritten();
+    return figures;
 }
 
-ssize_t CSoftCard::_ReceiveSim(CSoftPort* port, char* buf, size_t size) {
-    return port == m_port0.get() ? m_pSim->ReceiveDecoded(buf, size) : m_pSim->ReceiveRaw(buf, size);
-}
-
-bool CSoftCard::_IsIdle() const {
-    return m_pSim != nullptr ? m_pSim->IsIdle() : m_port0->IsIdle() && m_port1->IsIdle();
+std::string CSoftCard::DescribeDelivery() const {
+    std::string text;
+    for (int port = 0; port < 2; ++port) {
+        const SoftRxFigures figures = GetFigures(port);
+        char line[256];
+        snprintf(line, sizeof(line), "port=%d delivery=%s frames=%llu dropped=%llu chunks=%llu overruns=%llu", port,
+                 m_usesRing ? "ring" : "direct", static_cast<unsigned long long>(figures.frames),
+                 static_cast<unsigned long long>(figures.dropped), static_cast<unsigned long long>(figures.chunks),
+                 static_cast<unsigned long long>(figures.overruns));
+        text += line;
+#if QUVO_HAVE_EXANIC
+        if (m_usesRing) {
+            const CSoftRxRing& ring = *m_rings[port];
+            snprintf(line, sizeof(line), " writer=%u/%u reader=%u/%u", ring.GetNextChunk(), ring.GetGeneration(),
+                     m_lastReader[port].next_chunk, m_lastReader[port].generation);
+            text += line;
+        }
+#endif
+        text += "\n";
+    }
+    return text;
 }
 
 void CSoftCard::NoteEvent(const std::string& event) {

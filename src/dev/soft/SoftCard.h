@@ -1,6 +1,12 @@
 // The software card: a stand-in for the ExaNIC card that replays captures or
-// runs the exchange simulator behind the same contract, so the feed runs
-// unchanged on hosts without the card.
+// runs a registered source (the exchange simulator) behind the same contract,
+// so the feed runs unchanged on hosts without the card.
+//
+// Delivery: without the card library, a receive call is answered from the
+// card's ring arithmetic (CSoftDirectRx). In the card build the card is
+// played instead: before each poll the frames that have arrived are written
+// into a receive ring laid out as the card's DMA buffer, and the library's
+// own exanic_receive_frame reads them.
 #pragma once
 
 #include <sys/types.h>
@@ -13,38 +19,39 @@
 #include <vector>
 
 #include "src/dev/Registers.h"
+#include "src/dev/RxFrame.h"
+#include "src/dev/soft/DirectRx.h"
+#include "src/dev/soft/RxRing.h"
+#include "src/dev/soft/SoftSource.h"
 
 class CReplayClock;
-class CSimDevice;
+class CReplaySource;
 
 // One captured frame, held in its port's byte store.
 struct SoftFrame {
     uint64_t offset;
     uint32_t length;
-    int64_t timeNs;  // capture time; used only when pacing
+    int64_t timeNs;      // capture time; used only when pacing
+    uint8_t status = 0;  // hardware frame status to deliver it with
 };
 
-// Frames of one receive port. Only the thread that receives from the port
-// touches its cursor; counters and the idle state are read by other threads.
+// Captured frames of one port of a replay. Only the thread that polls the
+// port moves its cursor; counters and the idle state are read by others.
 class CSoftPort {
 public:
-    // Frame longer than the caller's buffer: the status libexanic returns.
-    static constexpr ssize_t kTruncated = -512;
-
     CSoftPort(volatile uint32_t* registers, uint32_t streamRegister, CReplayClock& clock);
 
     void Load(std::vector<char> bytes, std::vector<SoftFrame> frames);
     // Starts the frames over from the first; for looping benchmarks.
     void Rewind();
 
-    // Copies the next frame into `buf` and returns its length; 0 when no frame
-    // is due; kTruncated (frame consumed) when it does not fit. A due frame
-    // whose stream register is not 1 is dropped and counted instead.
-    ssize_t Receive(char* buf, size_t size);
+    // The next frame, once its capture time has come when paced. A frame
+    // whose stream register is not 1 when it arrives is dropped and counted.
+    // Frame bytes stay valid for the port's life.
+    ESoftNext Next(SoftFrameRef& frame);
 
     uint64_t GetDelivered() const { return m_delivered.load(std::memory_order_relaxed); }
     uint64_t GetDropped() const { return m_dropped.load(std::memory_order_relaxed); }
-    uint64_t GetTruncated() const { return m_truncated.load(std::memory_order_relaxed); }
     size_t GetFrameCount() const { return m_frames.size(); }
     // Nothing left that could be delivered: all frames taken, or stream off.
     bool IsIdle() const;
@@ -59,7 +66,6 @@ private:
     std::atomic<bool> m_exhausted{true};
     std::atomic<uint64_t> m_delivered{0};
     std::atomic<uint64_t> m_dropped{0};
-    std::atomic<uint64_t> m_truncated{0};
 };
 
 // Where a software card can be told to fail, for tests of the bring-up.
@@ -98,62 +104,151 @@ private:
     std::vector<RegisterAccess> m_accesses;
 };
 
+// Figures of one port's delivery.
+struct SoftRxFigures {
+    uint64_t frames = 0;    // frames that reached the receive buffer
+    uint64_t dropped = 0;   // frames that arrived while the stream was off
+    uint64_t chunks = 0;    // ring chunks they filled
+    uint64_t overruns = 0;  // polls that found the reader a ring or more behind
+};
+
 class CSoftCard {
 public:
     static constexpr uint32_t kRegisterWords = 8192;
 
-    // Builds the card for a software device string ("replay:..." or "sim...").
-    // Returns null and sets `error` when the string or a file is unusable.
+    // Builds the card for a software device string ("replay:..." or a
+    // registered source's "name[:...]"). Returns null and sets `error` when
+    // the string or a file is unusable.
     static std::unique_ptr<CSoftCard> Open(const std::string& device, std::string& error);
+    // Writes DescribeDelivery() to the file named by QUVO_SOFT_CARD_STATS,
+    // when that is set.
     ~CSoftCard();
     CSoftCard(const CSoftCard&) = delete;
     CSoftCard& operator=(const CSoftCard&) = delete;
 
     const std::string& GetDevice() const { return m_device; }
     volatile uint32_t* GetRegisters() { return m_pRegisters; }
-    // Port 0 carries decoded records, port 1 raw frames.
-    CSoftPort* GetPort(int port) { return port == 0 ? m_port0.get() : port == 1 ? m_port1.get() : nullptr; }
+    // A replay's captured frames of port 0 (decoded records) or 1 (raw
+    // frames); null for other sources.
+    CSoftPort* GetPort(int port);
+    CSoftSource* GetSource() { return m_source.get(); }
 
     // Records what the feed does to this card's registers.
     CRegisterRecorder& GetRecorder() { return *m_recorder; }
-    // Called on every release of the card's handle: the simulator writes its
-    // expected state then, since a feed that restarted holds more than one.
+    // Called on every release of the card's handle: a source may write its
+    // state then, since a feed that restarted holds more than one.
     void OnHandleReleased();
-    // The exchange simulator of a "sim" device, else null.
-    CSimDevice* GetSim() { return m_pSim.get(); }
 
     // Acquisitions and releases of this card's handle and buffers, in order
     // ("handle acquired", "rx 1 acquired", "rx 0 released", ...).
     void NoteEvent(const std::string& event);
     std::vector<std::string> GetEvents() const;
 
-    // Receives from one of this card's ports (see CSoftPort::Receive). With
-    // exit=S it also raises SIGINT once both ports are idle and nothing was
-    // delivered for S seconds.
-    ssize_t Receive(CSoftPort* port, char* buf, size_t size) {
-        const ssize_t n = m_pSim == nullptr ? port->Receive(buf, size) : _ReceiveSim(port, buf, size);
+    // Whether this card plays the card's receive ring (card build) or
+    // answers receive calls itself.
+    bool UsesRing() const { return m_usesRing; }
+
+    // Direct delivery: frames that have arrived on `port` enter its buffer,
+    // then one read as the card library's receive call (see CSoftDirectRx).
+    ssize_t ReceiveDirect(int port, char* buf, size_t size) {
+        CSoftDirectRx& buffer = m_direct[port];
+        const bool arrived = _Arrive(port, buffer, buffer.IsDrained());
+        if (m_paced && arrived && buffer.GetPending() >= kRxRingChunks) {
+            m_overruns[port].fetch_add(1, std::memory_order_relaxed);
+        }
+        const ssize_t n = m_direct[port].Read(buf, size);
         if (__builtin_expect(m_exitSeconds >= 0, 0)) {
-            _WatchForExit(n);
+            _WatchForExit(arrived || n != 0);
         }
         return n;
     }
+    // A new reader of `port` starts after what has been written.
+    void AttachDirect(int port) { m_direct[port].Attach(); }
+
+#if QUVO_HAVE_EXANIC
+    // Ring delivery: writes the frames that have arrived on `port` into its
+    // ring; `reader` then reads them with exanic_receive_frame.
+    void FillRing(int port, const exanic_rx_t& reader) {
+        CSoftRxRing& ring = *m_rings[port];
+        const bool arrived = _Arrive(port, ring, ring.IsDrained(reader));
+        if (m_paced && arrived && ring.GetPending(reader) >= kRxRingChunks) {
+            m_overruns[port].fetch_add(1, std::memory_order_relaxed);
+        }
+        if (__builtin_expect(m_exitSeconds >= 0, 0)) {
+            _WatchForExit(arrived || !ring.IsDrained(reader));
+        }
+    }
+    // Places `reader` on `port`'s ring as the library does on acquisition.
+    void AttachRing(int port, exanic_rx_t& reader) { m_rings[port]->Attach(reader); }
+    // A reader of `port` is released; its position is kept for the figures.
+    void NoteReaderReleased(int port, const exanic_rx_t& reader);
+    CSoftRxRing& GetRing(int port) { return *m_rings[port]; }
+#endif
+
+    SoftRxFigures GetFigures(int port) const;
+    // One line per port: delivery, figures, and the positions of the ring's
+    // writer and of its last reader ("chunk/generation").
+    std::string DescribeDelivery() const;
 
 private:
-    CSoftCard(const std::string& device, double speed, double exitSeconds);
-    void _WatchForExit(ssize_t received);
-    ssize_t _ReceiveSim(CSoftPort* port, char* buf, size_t size);
-    bool _IsIdle() const;
+    CSoftCard(const std::string& device, std::unique_ptr<CSoftSource> source, volatile uint32_t* registers);
+    bool _SetUp(std::string& error);
+    void _WatchForExit(bool active);
+
+    // Frames of a paced source are written as they come due, however far
+    // behind the reader is; other sources hand over one frame when the
+    // reader has taken the last.
+    template <typename Buffer>
+    bool _Arrive(int port, Buffer& buffer, bool drained) {
+        if (!m_paced && !drained) {
+            return false;
+        }
+        bool arrived = false;
+        SoftFrameRef frame;
+        for (;;) {
+            const ESoftNext next = m_source->Next(port, frame);
+            if (next == SOFT_NEXT_NONE) {
+                break;
+            }
+            // A frame of no bytes cannot be written into the ring; the card never has one.
+            if (next == SOFT_NEXT_FRAME && frame.length > 0) {
+                _Write(buffer, frame);
+                m_frames[port].fetch_add(1, std::memory_order_relaxed);
+                arrived = true;
+            } else {
+                m_dropped[port].fetch_add(1, std::memory_order_relaxed);
+            }
+            if (!m_paced) {
+                break;
+            }
+        }
+        return arrived;
+    }
+    static void _Write(CSoftDirectRx& buffer, const SoftFrameRef& frame) { buffer.Write(frame); }
+#if QUVO_HAVE_EXANIC
+    static void _Write(CSoftRxRing& ring, const SoftFrameRef& frame) {
+        ring.Write(frame.data, frame.length, frame.status, frame.timestamp);
+    }
+#endif
 
     std::string m_device;
     volatile uint32_t* m_pRegisters;
-    std::unique_ptr<CReplayClock> m_clock;
-    std::unique_ptr<CSoftPort> m_port0;
-    std::unique_ptr<CSoftPort> m_port1;
-    double m_exitSeconds;
+    std::unique_ptr<CSoftSource> m_source;
+    CReplaySource* m_pReplay = nullptr;
+    bool m_paced = false;
+    bool m_usesRing = false;
+    CSoftDirectRx m_direct[2];
+#if QUVO_HAVE_EXANIC
+    std::unique_ptr<CSoftRxRing> m_rings[2];
+    exanic_rx_t m_lastReader[2] = {};
+#endif
+    std::atomic<uint64_t> m_frames[2] = {};
+    std::atomic<uint64_t> m_dropped[2] = {};
+    std::atomic<uint64_t> m_overruns[2] = {};
+    double m_exitSeconds = -1;
     std::atomic<int64_t> m_lastActivityNs;
     std::atomic<bool> m_exitRaised{false};
     std::unique_ptr<CRegisterRecorder> m_recorder;
-    std::unique_ptr<CSimDevice> m_pSim;
     mutable std::mutex m_eventMutex;
     std::vector<std::string> m_events;
 };
@@ -162,3 +257,10 @@ private:
 void soft_card_fail_next(ESoftCardStep step, const std::string& why);
 // Consumes a pending failure of `step`: true (with `why` filled) if one was set.
 bool soft_card_take_failure(ESoftCardStep step, std::string& why);
+
+#if QUVO_HAVE_EXANIC
+// Software cards opened from now on play the card's receive ring (the
+// default) or, with false, answer receive calls directly; for comparing the
+// two.
+void soft_card_use_ring(bool ring);
+#endif

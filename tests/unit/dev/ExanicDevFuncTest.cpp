@@ -55,8 +55,9 @@ TEST_F(DevFuncTest, BringsUpTheSoftwareCard) {
     EXPECT_NE(m_dev.GetRegisters(), nullptr);
     EXPECT_NE(m_dev.GetTcpRxBuffer(), nullptr);
     EXPECT_NE(m_dev.GetUdpRxBuffer(), nullptr);
-    EXPECT_EQ(m_dev.GetTcpRxBuffer()->pSoftPort, card_get_soft_card(m_dev.GetHandle())->GetPort(1));
-    EXPECT_EQ(m_dev.GetUdpRxBuffer()->pSoftPort, card_get_soft_card(m_dev.GetHandle())->GetPort(0));
+    EXPECT_EQ(m_dev.GetTcpRxBuffer()->pSoftCard, card_get_soft_card(m_dev.GetHandle()));
+    EXPECT_EQ(m_dev.GetTcpRxBuffer()->softPort, 1);
+    EXPECT_EQ(m_dev.GetUdpRxBuffer()->softPort, 0);
     EXPECT_EQ(m_mask.mask, ENABLE_SHFE2PS);
     EXPECT_TRUE(Errors().empty());
 }
@@ -182,7 +183,9 @@ TEST_F(DevFuncTest, SecondInitDevWithoutReleaseReusesTheCard) {
     EXPECT_TRUE(Errors().empty());
     EXPECT_EQ(m_dev.GetRegisters(), registers);
     EXPECT_EQ(card_get_ref_count(m_config.device.c_str()), 2);
-    EXPECT_EQ(m_dev.GetTcpRxBuffer()->pSoftPort, firstTcp->pSoftPort);
+    EXPECT_NE(m_dev.GetTcpRxBuffer(), firstTcp);
+    EXPECT_EQ(m_dev.GetTcpRxBuffer()->pSoftCard, firstTcp->pSoftCard);
+    EXPECT_EQ(m_dev.GetTcpRxBuffer()->softPort, firstTcp->softPort);
     // The pipeline abandons the first buffers and one handle reference.
     card_release_rx_buffer(firstTcp);
     card_release_rx_buffer(firstUdp);

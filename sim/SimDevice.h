@@ -4,38 +4,48 @@
 // feeds on, and is handed to port 1, which the snapshot thread reads.
 #pragma once
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "sim/ExchangeModel.h"
+#include "src/dev/soft/SoftSource.h"
 
-class CSimDevice {
+class CSimDevice final : public CSoftSource {
 public:
     CSimDevice(const SimOptions& options, volatile uint32_t* registers);
-    ~CSimDevice();
+    ~CSimDevice() override;
     CSimDevice(const CSimDevice&) = delete;
     CSimDevice& operator=(const CSimDevice&) = delete;
 
-    // Port 0, read by the feed's main thread only.
-    ssize_t ReceiveDecoded(char* buf, size_t size);
-    // Port 1, read by the snapshot thread only.
-    ssize_t ReceiveRaw(char* buf, size_t size);
-    // Writes the model's state to the expect= file, if one was named.
-    void WriteExpected();
+    // The software card's factory for "sim[:key=value,...]" devices.
+    static std::unique_ptr<CSoftSource> Create(const std::string& options, volatile uint32_t* registers,
+                                               std::string& error);
+
+    // Port 0 is read by the feed's main thread only, port 1 by the snapshot
+    // thread only. A frame stays valid until that port's next call.
+    ESoftNext Next(int port, SoftFrameRef& frame) override {
+        return port == 0 ? _NextDecoded(frame) : _NextRaw(frame);
+    }
     // Every record sent (when a limit is set) and no snapshot frame waiting.
-    bool IsIdle() const;
+    bool IsIdle() const override;
+    // The model's state goes to the expect= file, if one was named.
+    void OnHandleReleased() override { WriteExpected(); }
+    double GetExitSeconds() const override { return m_options.exitSeconds; }
+
+    void WriteExpected();
 
 private:
+    ESoftNext _NextDecoded(SoftFrameRef& frame);
+    ESoftNext _NextRaw(SoftFrameRef& frame);
     struct Batch {
         SimFrames frames;
         uint64_t number;
         size_t next = 0;
         size_t offset = 0;
     };
-    static ssize_t _Deliver(SimFrames& frames, size_t& next, size_t& offset, char* buf, size_t size);
+    static void _Deliver(SimFrames& frames, size_t& next, size_t& offset, SoftFrameRef& frame);
     void _WatchSnapshotRequest();
     unsigned _JoinedExchanges() const;
 
@@ -55,6 +65,8 @@ private:
     std::atomic<uint64_t> m_published{0};
     std::atomic<uint64_t> m_consumed{0};
     std::atomic<bool> m_recordsDone{false};
-    // Snapshot thread.
+    // Snapshot thread: the batch being delivered, and the last one, whose
+    // final frame may still be waiting to be read.
     std::unique_ptr<Batch> m_current;
+    std::unique_ptr<Batch> m_retired;
 };

@@ -1,4 +1,4 @@
-#include "src/dev/soft/SimDevice.h"
+#include "sim/SimDevice.h"
 
 #include <cstdio>
 #include <cstring>
@@ -21,6 +21,19 @@ inline uint32_t Register(volatile uint32_t* registers, uint32_t index) {
 
 CSimDevice::CSimDevice(const SimOptions& options, volatile uint32_t* registers)
     : m_options(options), m_model(options), m_pRegisters(registers) {}
+
+std::unique_ptr<CSoftSource> CSimDevice::Create(const std::string& text, volatile uint32_t* registers,
+                                                std::string& error) {
+    SimOptions options;
+    if (!text.empty() && !sim_parse_device_options(text, options, error)) {
+        return nullptr;
+    }
+    if (options.shfe == 0 && options.ine == 0) {
+        error = "the simulator needs instruments: shfe and ine are both 0";
+        return nullptr;
+    }
+    return std::make_unique<CSimDevice>(options, registers);
+}
 
 CSimDevice::~CSimDevice() {
     delete m_handOver.exchange(nullptr);
@@ -76,26 +89,24 @@ void CSimDevice::_WatchSnapshotRequest() {
     m_snapshotSent = true;
 }
 
-ssize_t CSimDevice::_Deliver(SimFrames& frames, size_t& next, size_t& offset, char* buf, size_t size) {
+void CSimDevice::_Deliver(SimFrames& frames, size_t& next, size_t& offset, SoftFrameRef& frame) {
     const uint32_t length = frames.lengths[next];
-    const char* data = frames.bytes.data() + offset;
+    frame.data = frames.bytes.data() + offset;
+    frame.length = length;
+    frame.status = 0;
+    frame.timestamp = static_cast<uint32_t>(monotonic_ns());
     ++next;
     offset += length;
-    if (length > size) {
-        return CSoftPort::kTruncated;
-    }
-    memcpy(buf, data, length);
-    return static_cast<ssize_t>(length);
 }
 
-ssize_t CSimDevice::ReceiveDecoded(char* buf, size_t size) {
+ESoftNext CSimDevice::_NextDecoded(SoftFrameRef& frame) {
     _WatchSnapshotRequest();
     if (Register(m_pRegisters, REG_DECODE_DATA) != 1) {
-        return 0;
+        return SOFT_NEXT_NONE;
     }
     if (m_pendingNext == m_pending.Count()) {
         if (m_recordsDone.load(std::memory_order_relaxed)) {
-            return 0;
+            return SOFT_NEXT_NONE;
         }
         if (m_options.rate > 0) {
             const int64_t now = monotonic_ns();
@@ -105,7 +116,7 @@ ssize_t CSimDevice::ReceiveDecoded(char* buf, size_t size) {
             const auto due =
                 static_cast<uint64_t>(static_cast<double>(now - m_startNs) * m_options.rate / 1e9);
             if (m_steps >= due) {
-                return 0;
+                return SOFT_NEXT_NONE;
             }
             if (due - m_steps > kMaxBacklog) {
                 m_steps = due - kMaxBacklog;
@@ -118,38 +129,42 @@ ssize_t CSimDevice::ReceiveDecoded(char* buf, size_t size) {
             if (m_options.records != 0 && m_model.GetRecords() >= m_options.records) {
                 m_recordsDone.store(true, std::memory_order_relaxed);
             }
-            return 0;
+            return SOFT_NEXT_NONE;
         }
         ++m_steps;
         if (m_pending.Count() == 0) {
-            return 0;  // the record was lost on purpose
+            return SOFT_NEXT_NONE;  // the record was lost on purpose
         }
     }
-    return _Deliver(m_pending, m_pendingNext, m_pendingOffset, buf, size);
+    _Deliver(m_pending, m_pendingNext, m_pendingOffset, frame);
+    return SOFT_NEXT_FRAME;
 }
 
-ssize_t CSimDevice::ReceiveRaw(char* buf, size_t size) {
+ESoftNext CSimDevice::_NextRaw(SoftFrameRef& frame) {
     if (m_handOver.load(std::memory_order_relaxed) != nullptr) {
         if (m_current) {
             m_consumed.store(m_current->number, std::memory_order_relaxed);
+            m_retired = std::move(m_current);
         }
         m_current.reset(m_handOver.exchange(nullptr, std::memory_order_acq_rel));
     }
     if (!m_current) {
-        return 0;
+        return SOFT_NEXT_NONE;
     }
     const uint64_t number = m_current->number;
-    ssize_t result = 0;
     // The card drops what arrives while the raw stream is off.
-    if (Register(m_pRegisters, REG_ORIG_DATA) == 1) {
-        result = _Deliver(m_current->frames, m_current->next, m_current->offset, buf, size);
-        if (m_current->next < m_current->frames.Count()) {
-            return result;
-        }
+    if (Register(m_pRegisters, REG_ORIG_DATA) != 1) {
+        m_current.reset();
+        m_consumed.store(number, std::memory_order_relaxed);
+        return SOFT_NEXT_NONE;
     }
-    m_current.reset();
-    m_consumed.store(number, std::memory_order_relaxed);
-    return result;
+    _Deliver(m_current->frames, m_current->next, m_current->offset, frame);
+    if (m_current->next == m_current->frames.Count()) {
+        // The last frame's bytes must outlive this call.
+        m_retired = std::move(m_current);
+        m_consumed.store(number, std::memory_order_relaxed);
+    }
+    return SOFT_NEXT_FRAME;
 }
 
 bool CSimDevice::IsIdle() const {
