@@ -12,10 +12,12 @@
 
 class CReplayCard {
 public:
-    CReplayCard(const std::string& dir, int port, const std::vector<std::vector<char>>& frames) {
+    // `options` is appended to the device string (",speed=1").
+    CReplayCard(const std::string& dir, int port, const std::vector<std::vector<char>>& frames,
+                const std::string& options = "") {
         const std::string path = dir + (port == 1 ? "/raw.pcap" : "/decoded.pcap");
         write_pcap(path, frames);
-        const std::string device = (port == 1 ? "replay:raw=" : "replay:decoded=") + path;
+        const std::string device = (port == 1 ? "replay:raw=" : "replay:decoded=") + path + options;
         m_handle = card_acquire_handle(device.c_str());
         EXPECT_NE(m_handle, nullptr) << card_get_last_error();
         if (m_handle != nullptr) {
@@ -35,6 +37,7 @@ public:
     CReplayCard& operator=(const CReplayCard&) = delete;
 
     CardRx* Rx() const { return m_rx; }
+    CSoftCard* Card() const { return card_get_soft_card(m_handle); }
 
 private:
     CardHandle* m_handle = nullptr;

@@ -1,6 +1,7 @@
 #include "src/ExanicMdImpl.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <fstream>
@@ -116,6 +117,16 @@ TEST_F(DriverTest, UnreadableConfigurationFails) {
 
 TEST_F(DriverTest, DeviceThatCannotBeBroughtUpFails) {
     EXPECT_EQ(Run(WriteConfig("replay:raw=" + m_dir.Path() + "/missing.pcap")), -1);
+    EXPECT_EQ(log_messages(m_out, "[E]", "quvo_recv"),
+              std::vector<std::string>{"failed to initialize network device"});
+}
+
+TEST_F(DriverTest, CardThatIsNotThereFailsTheRun) {
+    ASSERT_NE(access("/dev/exanic0", F_OK), 0) << "this host has a card";
+    EXPECT_EQ(Run(WriteConfig("exanic0")), -1);
+    const std::vector<std::string> errors = log_messages(m_out, "[E]", "InitDev");
+    ASSERT_EQ(errors.size(), 1u) << m_out;
+    EXPECT_EQ(errors[0].rfind("get [exanic0] handle failed, ", 0), 0u);
     EXPECT_EQ(log_messages(m_out, "[E]", "quvo_recv"),
               std::vector<std::string>{"failed to initialize network device"});
 }

@@ -20,6 +20,10 @@ void CSoftPort::Load(std::vector<char> bytes, std::vector<SoftFrame> frames) {
     m_exhausted.store(m_frames.empty(), std::memory_order_relaxed);
 }
 
+void CSoftPort::MarkFrame(size_t index, uint8_t status) {
+    m_frames.at(index).status = status;
+}
+
 void CSoftPort::Rewind() {
     m_next = 0;
     m_exhausted.store(m_frames.empty(), std::memory_order_relaxed);
@@ -129,7 +133,6 @@ CSoftCard::CSoftCard(const std::string& device, std::unique_ptr<CSoftSource> sou
       m_pRegisters(registers),
       m_source(std::move(source)),
       m_paced(m_source->IsPaced()),
-      m_usesRing(g_useRing.load(std::memory_order_relaxed)),
       m_exitSeconds(m_source->GetExitSeconds()),
       m_lastActivityNs(monotonic_ns()),
       m_recorder(std::make_unique<CRegisterRecorder>(registers)) {}
@@ -151,6 +154,20 @@ CSoftCard::~CSoftCard() {
 }
 
 std::unique_ptr<CSoftCard> CSoftCard::Open(const std::string& device, std::string& error) {
+    bool useRing = g_useRing.load(std::memory_order_relaxed);
+    const char* delivery = getenv("QUVO_SOFT_CARD_RX");
+    if (delivery != nullptr && *delivery != '\0') {
+        const std::string choice(delivery);
+        if (choice != "ring" && choice != "direct") {
+            error = "QUVO_SOFT_CARD_RX must be ring or direct, not '" + choice + "'";
+            return nullptr;
+        }
+        if (choice == "ring" && QUVO_HAVE_EXANIC == 0) {
+            error = "QUVO_SOFT_CARD_RX=ring needs the card library: build with the card preset";
+            return nullptr;
+        }
+        useRing = choice == "ring";
+    }
     const bool replay = device.rfind("replay:", 0) == 0;
     std::string options;
     SoftSourceFactory factory = replay ? nullptr : soft_card_find_source(device, options);
@@ -178,6 +195,7 @@ std::unique_ptr<CSoftCard> CSoftCard::Open(const std::string& device, std::strin
     }
     std::unique_ptr<CSoftCard> card(new CSoftCard(device, std::move(source), registers));
     card->m_pReplay = replaySource;
+    card->m_usesRing = useRing;
     if (!card->_SetUp(error)) {
         return nullptr;
     }

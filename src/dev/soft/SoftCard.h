@@ -44,6 +44,9 @@ public:
     void Load(std::vector<char> bytes, std::vector<SoftFrame> frames);
     // Starts the frames over from the first; for looping benchmarks.
     void Rewind();
+    // Frame `index` is delivered with a hardware status, as the card reports
+    // a frame that failed its CRC check or was aborted by the sender.
+    void MarkFrame(size_t index, uint8_t status);
 
     // The next frame, once its capture time has come when paced. A frame
     // whose stream register is not 1 when it arrives is dropped and counted.
@@ -144,8 +147,9 @@ public:
     void NoteEvent(const std::string& event);
     std::vector<std::string> GetEvents() const;
 
-    // Whether this card plays the card's receive ring (card build) or
-    // answers receive calls itself.
+    // Whether this card plays the card's receive ring or answers receive
+    // calls itself: the ring in the card build, unless QUVO_SOFT_CARD_RX is
+    // "direct" or soft_card_use_ring(false) was called before Open.
     bool UsesRing() const { return m_usesRing; }
 
     // Direct delivery: frames that have arrived on `port` enter its buffer,

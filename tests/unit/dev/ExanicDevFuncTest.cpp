@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/sysinfo.h>
+#include <unistd.h>
 
 #include "public/log/CommonLog.h"
 #include "sim/PcapWriter.h"
@@ -166,6 +167,49 @@ TEST_F(DevFuncTest, ReleaseGoesDecodedBufferRawBufferHandle) {
                                      "rx 0 released", "rx 1 released", "handle released"}));
     card_release_handle(witness);
     EXPECT_EQ(card_get_ref_count(m_config.device.c_str()), 0);
+}
+
+// A card name on a host without the card (or, without the card library, in
+// a build without card support).
+class CardlessDevFuncTest : public DevFuncTest {
+protected:
+    CardlessDevFuncTest() { m_config.device = "exanic0"; }
+
+    static std::string Reason() {
+#if QUVO_HAVE_EXANIC
+        return exanic_get_last_error();
+#else
+        return "this build has no ExaNIC card support: install the card's software (libexanic) and rebuild "
+               "with cmake -DQUVO_WITH_EXANIC=ON, or use device = replay:raw=FILE,decoded=FILE";
+#endif
+    }
+};
+
+TEST_F(CardlessDevFuncTest, UnknownCardFailsWithTheLibrarysReasonAndAcquiresNothing) {
+    ASSERT_NE(access("/dev/exanic0", F_OK), 0) << "this host has a card";
+    EXPECT_EQ(InitDev(), -1);
+#if QUVO_HAVE_EXANIC
+    // The library's own text for a device file that is not there.
+    EXPECT_EQ(Reason(), "device open failed: No such file or directory");
+#endif
+    EXPECT_EQ(Errors(), std::vector<std::string>{"get [exanic0] handle failed, " + Reason()});
+    EXPECT_EQ(m_dev.GetHandle(), nullptr);
+    EXPECT_EQ(m_dev.GetRegisters(), nullptr);
+    EXPECT_EQ(m_dev.GetTcpRxBuffer(), nullptr);
+    EXPECT_EQ(m_dev.GetUdpRxBuffer(), nullptr);
+    EXPECT_EQ(card_get_ref_count("exanic0"), 0);
+}
+
+TEST_F(CardlessDevFuncTest, RestartWithoutReleaseFailsTheSameWayAndReleaseIsHarmless) {
+    ASSERT_NE(access("/dev/exanic0", F_OK), 0) << "this host has a card";
+    EXPECT_EQ(InitDev(), -1);
+    const std::vector<std::string> first = Errors();
+    EXPECT_EQ(InitDev(), -1);
+    EXPECT_EQ(Errors(), first);
+    EXPECT_EQ(card_get_ref_count("exanic0"), 0);
+    m_dev.ReleaseDev();
+    EXPECT_EQ(m_dev.GetHandle(), nullptr);
+    EXPECT_EQ(card_get_ref_count("exanic0"), 0);
 }
 
 TEST_F(DevFuncTest, ReleaseWithNothingAcquiredIsHarmless) {

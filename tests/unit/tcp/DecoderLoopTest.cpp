@@ -40,8 +40,8 @@ protected:
     }
 
     // Replays `frames` on the raw-frame port of a software card feeding the loop.
-    void Replay(const std::vector<std::vector<char>>& frames) {
-        m_card.emplace(m_dir.Path(), 1, frames);
+    void Replay(const std::vector<std::vector<char>>& frames, const std::string& options = "") {
+        m_card.emplace(m_dir.Path(), 1, frames, options);
         h.tcp->InitTcp(h.registers.data(), m_card->Rx());
     }
 
@@ -155,6 +155,40 @@ TEST_F(DecoderLoopTest, FourteenByteFrameIsAbnormalAndFifteenIsHandedOver) {
               std::vector<std::string>{"receive abnormal decode length: 14"});
     EXPECT_EQ(log_messages(out, "[X]", "_PacketHandler"),
               std::vector<std::string>{"packet too short for IP, packetLen=15"});
+}
+
+TEST_F(DecoderLoopTest, EachReceiveErrorIsLoggedAsAnAbnormalLength) {
+    Replay({std::vector<char>(60, 0), std::vector<char>(60, 0), std::vector<char>(60, 0),
+            std::vector<char>(2049, 0)});
+    CSoftPort* port = m_card->Card()->GetPort(1);
+    port->MarkFrame(0, RX_FRAME_ABORTED);
+    port->MarkFrame(1, RX_FRAME_CORRUPT);
+    port->MarkFrame(2, RX_FRAME_HWOVFL);
+    CStdoutCapture capture;
+    {
+        CThread worker;
+        for (int i = 0; i < 4; ++i) {
+            h.tcp->TcpRecv(worker);
+        }
+    }
+    EXPECT_EQ(log_messages(capture.Stop(), "[W]", "TcpRecv"),
+              (std::vector<std::string>{"receive abnormal decode length: 4294967295",
+                                        "receive abnormal decode length: 4294967294",
+                                        "receive abnormal decode length: 4294967293",
+                                        "receive abnormal decode length: 4294967039"}));
+}
+
+TEST_F(DecoderLoopTest, LappedReaderLogsTheOverflowOnce) {
+    Replay(std::vector<std::vector<char>>(1000, std::vector<char>(2048, 0)), ",speed=1");
+    CStdoutCapture capture;
+    {
+        CThread worker;
+        h.tcp->TcpRecv(worker);
+        h.tcp->TcpRecv(worker);
+    }
+    EXPECT_EQ(log_messages(capture.Stop(), "[W]", "TcpRecv"),
+              std::vector<std::string>{"receive abnormal decode length: 4294967040"});
+    EXPECT_EQ(m_card->Card()->GetFigures(1).overruns, 1u);
 }
 
 TEST_F(DecoderLoopTest, FramesQueuedAfterEveryFeedFinishedAreDropped) {

@@ -29,8 +29,8 @@ protected:
 
     ~DecodedCacheTest() override { free(h.cache.pCacheBuf); }
 
-    void Replay(const std::vector<std::vector<char>>& frames) {
-        m_card.emplace(m_dir.Path(), 0, frames);
+    void Replay(const std::vector<std::vector<char>>& frames, const std::string& options = "") {
+        m_card.emplace(m_dir.Path(), 0, frames, options);
         h.udp.InitUdp(h.registers.data(), m_card->Rx());
     }
 
@@ -167,6 +167,46 @@ TEST_F(DecodedCacheTest, ReceiveErrorIsLoggedAsAHugeLengthAndIgnored) {
     EXPECT_EQ(log_messages(out, "[D]", "UdpRecv"),
               std::vector<std::string>{"receive abnormal decode length: " +
                                        std::to_string(static_cast<uint32_t>(CARD_RX_FRAME_TRUNCATED))});
+}
+
+// The card library's negative results, read as unsigned lengths, are pinned
+// here: a log line reads the same on the card and on the software card.
+TEST_F(DecodedCacheTest, EachHardwareStatusAndTruncationIsLoggedAsAnAbnormalLength) {
+    Replay({Record(1), Record(2), Record(3), std::vector<char>(2049, 'x'), Record(4)});
+    CSoftPort* port = m_card->Card()->GetPort(0);
+    port->MarkFrame(0, RX_FRAME_ABORTED);
+    port->MarkFrame(1, RX_FRAME_CORRUPT);
+    port->MarkFrame(2, RX_FRAME_HWOVFL);
+    port->MarkFrame(4, 0xF0);  // filter-region bits only: a good frame
+    const std::string out = Capture([&] {
+        for (int i = 0; i < 5; ++i) {
+            h.udp.CachePacket();
+        }
+    });
+    EXPECT_EQ(log_messages(out, "[D]", "CachePacket"),
+              (std::vector<std::string>{"receive abnormal decode length: 4294967295",
+                                        "receive abnormal decode length: 4294967294",
+                                        "receive abnormal decode length: 4294967293",
+                                        "receive abnormal decode length: 4294967039"}));
+    EXPECT_EQ(h.cache.cachedCount, 1);
+}
+
+TEST_F(DecodedCacheTest, LappedReaderLosesEveryWaitingFrameAndLogsTheOverflow) {
+    // 1000 frames of 18 chunks each, all due at once: more than the ring holds.
+    Replay(std::vector<std::vector<char>>(1000, std::vector<char>(2048, 'x')), ",speed=1");
+    int first = 1;
+    int second = 1;
+    const std::string out = Capture([&] {
+        first = h.udp.UdpRecv();
+        second = h.udp.UdpRecv();
+    });
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(second, 0);
+    EXPECT_EQ(log_messages(out, "[D]", "UdpRecv"),
+              std::vector<std::string>{"receive abnormal decode length: 4294967040"});
+    const SoftRxFigures figures = m_card->Card()->GetFigures(0);
+    EXPECT_EQ(figures.frames, 1000u);
+    EXPECT_EQ(figures.overruns, 1u);
 }
 
 TEST_F(DecodedCacheTest, ShortFramesAreDroppedAndNotCached) {
