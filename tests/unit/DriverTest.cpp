@@ -12,6 +12,7 @@
 #include "sim/MdqpBuilder.h"
 #include "sim/PcapWriter.h"
 #include "src/api/shfe_recv.h"
+#include "src/dev/RxFrame.h"
 #include "tests/support/LogLines.h"
 #include "tests/support/ShmSandbox.h"
 #include "tests/support/StdoutCapture.h"
@@ -33,9 +34,11 @@ protected:
     }
     ~DriverTest() override { signal(SIGINT, m_previous); }
 
-    std::string WriteConfig(const std::string& device, const std::string& extra = "shfe2ps = enabled\n") {
+    std::string WriteConfig(const std::string& device, const std::string& extra = "shfe2ps = enabled\n",
+                            int logLevel = 7) {
         return m_dir.WriteFile("feed.ini", "[config]\ndevice = " + device +
-                                               "\ninsts = all\ncpucore = -1\nlog_level = 7\n" + extra);
+                                               "\ninsts = all\ncpucore = -1\nlog_level = " +
+                                               std::to_string(logLevel) + "\n" + extra);
     }
 
     // A SHFE 2ps snapshot of cu2501 (instrument 0, change number 10) with
@@ -190,6 +193,37 @@ TEST_F(DriverTest, ChangeNumberGapRestartsFromTheConfiguration) {
     const std::vector<std::string> errors = log_messages(m_out, "[E]", "_ParseMirp");
     ASSERT_EQ(errors.size(), 1u);
     EXPECT_EQ(errors[0].rfind("discontinuous changeNo: 13, expected changeNo: 12", 0), 0u);
+}
+
+TEST_F(DriverTest, LappedDecodedStreamIsFoundByTheChangeNumberRule) {
+    // More records than the receive ring holds arrive at once, then one more
+    // a little later: the first poll finds the reader lapped and every
+    // waiting record lost, and the late record shows the gap.
+    const std::string path = m_dir.Path() + "/decoded.pcap";
+    {
+        CPcapWriter writer(path, 1, true);
+        uint32_t change = 11;
+        for (uint32_t i = 0; i < kRxRingChunks + 100; ++i, ++change) {
+            const std::vector<char> record =
+                CDecodedRecordBuilder(1000, 0, change).Update(MD_ENTRY_BID, 1, -1, 1).Build();
+            writer.Write(record.data(), static_cast<uint32_t>(record.size()), 3);
+        }
+        const std::vector<char> late =
+            CDecodedRecordBuilder(1000, 0, change).Update(MD_ENTRY_BID, 1, -1, 1).Build();
+        writer.Write(late.data(), static_cast<uint32_t>(late.size()), 200000000);
+    }
+    const std::string config =
+        WriteConfig("replay:raw=" + WriteSnapshot() + ",decoded=" + path + ",speed=1,exit=0.5",
+                    "shfe2ps = enabled\n", 15);
+    EXPECT_EQ(Run(config), 0);
+    EXPECT_EQ(log_messages(m_out, "[D]", "CachePacket"),
+              std::vector<std::string>{"receive abnormal decode length: 4294967040"});
+    const std::vector<std::string> errors = log_messages(m_out, "[E]", "_ParseMirp");
+    ASSERT_EQ(errors.size(), 1u) << m_out;
+    EXPECT_EQ(errors[0].rfind("discontinuous changeNo: " + std::to_string(11 + kRxRingChunks + 100) +
+                                  ", expected changeNo: 11",
+                              0),
+              0u);
 }
 
 }  // namespace

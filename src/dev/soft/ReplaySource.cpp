@@ -109,8 +109,8 @@ std::unique_ptr<CReplaySource> CReplaySource::Open(const std::string& text, vola
         bool ethernet;
         CSoftPort& port;
     };
-    for (const Capture& capture : {Capture{options.raw, true, source->m_port1},
-                                   Capture{options.decoded, false, source->m_port0}}) {
+    for (const Capture& capture :
+         {Capture{options.raw, true, source->m_port1}, Capture{options.decoded, false, source->m_port0}}) {
         if (capture.path.empty()) {
             continue;
         }

@@ -267,16 +267,17 @@ std::string CSoftCard::DescribeDelivery() const {
     for (int port = 0; port < 2; ++port) {
         const SoftRxFigures figures = GetFigures(port);
         char line[256];
-        snprintf(line, sizeof(line), "port=%d delivery=%s frames=%llu dropped=%llu chunks=%llu overruns=%llu", port,
-                 m_usesRing ? "ring" : "direct", static_cast<unsigned long long>(figures.frames),
-                 static_cast<unsigned long long>(figures.dropped), static_cast<unsigned long long>(figures.chunks),
+        snprintf(line, sizeof(line), "port=%d delivery=%s frames=%llu dropped=%llu chunks=%llu overruns=%llu",
+                 port, m_usesRing ? "ring" : "direct", static_cast<unsigned long long>(figures.frames),
+                 static_cast<unsigned long long>(figures.dropped),
+                 static_cast<unsigned long long>(figures.chunks),
                  static_cast<unsigned long long>(figures.overruns));
         text += line;
 #if QUVO_HAVE_EXANIC
         if (m_usesRing) {
             const CSoftRxRing& ring = *m_rings[port];
-            snprintf(line, sizeof(line), " writer=%u/%u reader=%u/%u", ring.GetNextChunk(), ring.GetGeneration(),
-                     m_lastReader[port].next_chunk, m_lastReader[port].generation);
+            snprintf(line, sizeof(line), " writer=%u/%u reader=%u/%u", ring.GetNextChunk(),
+                     ring.GetGeneration(), m_lastReader[port].next_chunk, m_lastReader[port].generation);
             text += line;
         }
 #endif

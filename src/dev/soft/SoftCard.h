@@ -183,10 +183,14 @@ public:
         }
     }
     // Places `reader` on `port`'s ring as the library does on acquisition.
-    void AttachRing(int port, exanic_rx_t& reader) { m_rings[port]->Attach(reader); }
+    void AttachRing(int port, exanic_rx_t& reader) {
+        m_rings[port]->Attach(reader);
+    }
     // A reader of `port` is released; its position is kept for the figures.
     void NoteReaderReleased(int port, const exanic_rx_t& reader);
-    CSoftRxRing& GetRing(int port) { return *m_rings[port]; }
+    CSoftRxRing& GetRing(int port) {
+        return *m_rings[port];
+    }
 #endif
 
     SoftRxFigures GetFigures(int port) const;
@@ -228,7 +232,9 @@ private:
         }
         return arrived;
     }
-    static void _Write(CSoftDirectRx& buffer, const SoftFrameRef& frame) { buffer.Write(frame); }
+    static void _Write(CSoftDirectRx& buffer, const SoftFrameRef& frame) {
+        buffer.Write(frame);
+    }
 #if QUVO_HAVE_EXANIC
     static void _Write(CSoftRxRing& ring, const SoftFrameRef& frame) {
         ring.Write(frame.data, frame.length, frame.status, frame.timestamp);

@@ -239,8 +239,9 @@ TEST_F(DevFuncTest, SecondInitDevWithoutReleaseReusesTheCard) {
 TEST_F(DevFuncTest, SimulatorWithABadOptionSaysWhichOne) {
     m_config.device = "sim:shfe=lots";
     EXPECT_EQ(InitDev(), -1);
-    EXPECT_EQ(Errors(), std::vector<std::string>{"get [sim:shfe=lots] handle failed, bad value 'lots' for simulator "
-                                                 "option shfe: expected a count from 0 to 16384"});
+    EXPECT_EQ(Errors(),
+              std::vector<std::string>{"get [sim:shfe=lots] handle failed, bad value 'lots' for simulator "
+                                       "option shfe: expected a count from 0 to 16384"});
 }
 
 TEST_F(DevFuncTest, SimulatorComesUpLikeACard) {

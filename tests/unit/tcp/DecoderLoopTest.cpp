@@ -171,11 +171,11 @@ TEST_F(DecoderLoopTest, EachReceiveErrorIsLoggedAsAnAbnormalLength) {
             h.tcp->TcpRecv(worker);
         }
     }
-    EXPECT_EQ(log_messages(capture.Stop(), "[W]", "TcpRecv"),
-              (std::vector<std::string>{"receive abnormal decode length: 4294967295",
-                                        "receive abnormal decode length: 4294967294",
-                                        "receive abnormal decode length: 4294967293",
-                                        "receive abnormal decode length: 4294967039"}));
+    EXPECT_EQ(
+        log_messages(capture.Stop(), "[W]", "TcpRecv"),
+        (std::vector<std::string>{
+            "receive abnormal decode length: 4294967295", "receive abnormal decode length: 4294967294",
+            "receive abnormal decode length: 4294967293", "receive abnormal decode length: 4294967039"}));
 }
 
 TEST_F(DecoderLoopTest, LappedReaderLogsTheOverflowOnce) {

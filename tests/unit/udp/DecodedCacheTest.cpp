@@ -183,11 +183,11 @@ TEST_F(DecodedCacheTest, EachHardwareStatusAndTruncationIsLoggedAsAnAbnormalLeng
             h.udp.CachePacket();
         }
     });
-    EXPECT_EQ(log_messages(out, "[D]", "CachePacket"),
-              (std::vector<std::string>{"receive abnormal decode length: 4294967295",
-                                        "receive abnormal decode length: 4294967294",
-                                        "receive abnormal decode length: 4294967293",
-                                        "receive abnormal decode length: 4294967039"}));
+    EXPECT_EQ(
+        log_messages(out, "[D]", "CachePacket"),
+        (std::vector<std::string>{
+            "receive abnormal decode length: 4294967295", "receive abnormal decode length: 4294967294",
+            "receive abnormal decode length: 4294967293", "receive abnormal decode length: 4294967039"}));
     EXPECT_EQ(h.cache.cachedCount, 1);
 }
 

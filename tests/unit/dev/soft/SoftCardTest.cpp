@@ -31,12 +31,12 @@ protected:
     std::string Next() {
         SoftFrameRef frame{};
         switch (m_port.Next(frame)) {
-        case SOFT_NEXT_FRAME:
-            return std::string(frame.data, frame.length);
-        case SOFT_NEXT_DROPPED:
-            return "<dropped>";
-        default:
-            return "<none>";
+            case SOFT_NEXT_FRAME:
+                return std::string(frame.data, frame.length);
+            case SOFT_NEXT_DROPPED:
+                return "<dropped>";
+            default:
+                return "<none>";
         }
     }
 
