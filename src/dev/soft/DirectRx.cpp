@@ -2,14 +2,17 @@
 
 #include <cstring>
 
+static_assert((kRxRingChunks & (kRxRingChunks - 1)) == 0, "frame slots are indexed with a mask");
+constexpr uint64_t kSlotMask = kRxRingChunks - 1;
+
 CSoftDirectRx::CSoftDirectRx() : m_frames(kRxRingChunks) {}
 
 void CSoftDirectRx::Write(const SoftFrameRef& frame) {
-    if (m_tail - m_head == m_frames.size()) {
+    if (m_tail - m_head == kRxRingChunks) {
         ++m_head;  // overwritten; the next read reports the lap
         ++m_lost;
     }
-    m_frames[m_tail++ % m_frames.size()] = frame;
+    m_frames[m_tail++ & kSlotMask] = frame;
     m_write += rx_frame_chunks(frame.length);
 }
 
@@ -33,7 +36,7 @@ ssize_t CSoftDirectRx::Read(char* buf, size_t size) {
         _CatchUp();
         return -RX_FRAME_SWOVFL;
     }
-    const SoftFrameRef frame = m_frames[m_head++ % m_frames.size()];
+    const SoftFrameRef frame = m_frames[m_head++ & kSlotMask];
     m_read += rx_frame_chunks(frame.length);
     if (frame.length > size) {
         return -RX_FRAME_TRUNCATED;

@@ -228,6 +228,30 @@ TEST_F(DirectRxTest, LapOfMultiChunkFramesLosesThemAll) {
     }
 }
 
+TEST_F(DirectRxTest, OverwrittenFrameIsALapEvenWhenTooLongForTheBuffer) {
+    // waiting: F [0,17), then to chunk 16385: F's first chunk overwritten
+    Write(2040);
+    WriteUntilPending(kRxRingChunks + 1);
+    const uint64_t frames = m_frames.size();
+    EXPECT_EQ(Read(100), CARD_RX_FRAME_SWOVFL);
+    EXPECT_EQ(m_rx.GetLost(), frames);
+    EXPECT_EQ(Read(), 0);
+}
+
+TEST_F(DirectRxTest, IntactFrameTooLongForTheBufferIsTruncatedBeforeTheLapShows) {
+    // waiting: F [0,17), then to chunk 16384: F intact, chunk -1 (the last
+    // end read) overwritten. Truncation is decided before the lap check, so
+    // F is consumed first and the next read reports the lap.
+    Write(2040);
+    WriteUntilPending(kRxRingChunks);
+    const uint64_t frames = m_frames.size();
+    EXPECT_EQ(Read(100), CARD_RX_FRAME_TRUNCATED);
+    EXPECT_EQ(m_rx.GetLost(), 0u);
+    EXPECT_EQ(Read(), CARD_RX_FRAME_SWOVFL);
+    EXPECT_EQ(m_rx.GetLost(), frames - 1);
+    EXPECT_EQ(Read(), 0);
+}
+
 TEST_F(DirectRxTest, MoreFramesThanTheRingHoldsAreAllCountedLost) {
     const uint64_t frames = 3 * kRxRingChunks + 5;
     for (uint64_t i = 0; i < frames; ++i) {
