@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/BookFixture.h"
 #include "public/log/CommonLog.h"
 #include "sim/DecodedRecordBuilder.h"
 #include "src/api/UpdateRing.h"
@@ -29,10 +30,6 @@
 
 namespace {
 
-constexpr uint16_t kShfeTopic = 1000;
-constexpr uint32_t kInstrumentNo = 7;
-constexpr double kTick = 10.0;
-constexpr double kCodec = 70000.0;
 const char* const kBaseline = "BM_RecordBaseline";
 
 // One instrument with a five-level book, its parser, the update ring, and a
@@ -41,45 +38,20 @@ const char* const kBaseline = "BM_RecordBaseline";
 // book is put back.
 struct CFeedFixture {
     explicit CFeedFixture(uint32_t records)
-        : area(new share()),
-          calc(new PriceCalcInfo()),
-          registers(CSoftCard::kRegisterWords, 0),
-          cache{},
-          entries(QUVO_UPDATE_RING_ENTRIES),
-          ring(entries.data()),
-          count(records) {
-        CCommonLog::GetInstance().SetLogLevel(LOG_ERROR);
-        config.shfe2ps_topic_id = kShfeTopic;
-        config.options = 1;
-        udp = std::make_unique<CExanicUdpFunc>(config, area.get(), cache, *calc, instNo);
-        udp->InitUdp(registers.data(), nullptr);
-        const uint32_t slot = quvo_shfe_slot(kInstrumentNo);
-        instrument& inst = area->instmts[slot];
-        memcpy(inst.inst_id, "cu2501", 6);
-        for (int i = 0; i < 5; ++i) {
-            inst.bid_px[i] = kCodec - (i + 1) * kTick;
-            inst.bid_vol[i] = 10 * (i + 1);
-            inst.ask_px[i] = kCodec + (i + 1) * kTick;
-            inst.ask_vol[i] = 10 * (i + 1);
-        }
-        calc->priceTick[slot] = kTick;
-        calc->codecPrice[slot] = kCodec;
-        calc->volumeMulti[slot] = 5;
-        area->shfe_inst_cnt = static_cast<int32_t>(slot + 1);
-        memcpy(&initial, &inst, sizeof(initial));
+        : entries(QUVO_UPDATE_RING_ENTRIES), ring(entries.data()), count(records) {
         ring.Reset();
         for (uint32_t k = 0; k < records; ++k) {
             const uint8_t side = k % 2 == 0 ? MD_ENTRY_BID : MD_ENTRY_ASK;
             const std::vector<char> record = CDecodedRecordBuilder(kShfeTopic, kInstrumentNo, k + 1)
-                                                  .Update(side, 1, side == MD_ENTRY_BID ? -1 : 1, 10 + k % 7)
-                                                  .Build();
+                                                 .Update(side, 1, side == MD_ENTRY_BID ? -1 : 1, 10 + k % 7)
+                                                 .Build();
             length = static_cast<uint32_t>(record.size());
             bytes.insert(bytes.end(), record.begin(), record.end());
         }
     }
 
     const char* At(uint32_t k) const { return bytes.data() + static_cast<size_t>(k) * length; }
-    void Reset() { memcpy(&area->instmts[quvo_shfe_slot(kInstrumentNo)], &initial, sizeof(initial)); }
+    void Reset() { book.Reset(0); }
 
     // The driver's handling of a read: a frame of a usable length is applied,
     // and announced when it applied.
@@ -88,21 +60,14 @@ struct CFeedFixture {
         if (size < kDecodedRecordMinLen || size > kDecodedFrameMaxLen) {
             return 0;
         }
-        const int result = udp->_ParseMirp(buf, size);
+        const int result = book.udp->_ParseMirp(buf, size);
         if (result == 1) {
-            ring.Publish(instNo);
+            ring.Publish(book.instNo);
         }
         return result;
     }
 
-    ExanicMdConfigData config;
-    std::unique_ptr<share> area;
-    std::unique_ptr<PriceCalcInfo> calc;
-    std::vector<uint32_t> registers;
-    CacheBufInfo cache;
-    uint32_t instNo = 0;
-    std::unique_ptr<CExanicUdpFunc> udp;
-    instrument initial;
+    CBookFixture book;
     std::vector<uint16_t> entries;
     CUpdateRing ring;
     std::vector<char> bytes;
@@ -166,7 +131,7 @@ void BM_RecordBaseline(benchmark::State& state) {
             MarketDataIncreField incre;
             memcpy(&incre, f.buf + sizeof(DecodeHeader), sizeof(incre));
             const uint32_t slot = quvo_shfe_slot(incre.instrumentNo);
-            f.area->instmts[slot].change_no = incre.changeNo;
+            f.book.area->instmts[slot].change_no = incre.changeNo;
             f.ring.Publish(slot);
             return 1;
         });
@@ -215,7 +180,7 @@ void BM_RecordCardRingUdpRecv(benchmark::State& state) {
     CardRx rx{};
     chunks->Attach(rx.softReader);
     rx.pExanicRx = &rx.softReader;
-    f.udp->InitUdp(f.registers.data(), &rx);
+    f.book.udp->InitUdp(f.book.registers.data(), &rx);
     RunBatches(
         state, f,
         [&] {
@@ -224,9 +189,9 @@ void BM_RecordCardRingUdpRecv(benchmark::State& state) {
             }
         },
         [&](uint32_t) {
-            const int result = f.udp->UdpRecv();
+            const int result = f.book.udp->UdpRecv();
             if (result == 1) {
-                f.ring.Publish(f.instNo);
+                f.ring.Publish(f.book.instNo);
             }
             return result;
         });
@@ -300,7 +265,8 @@ public:
             const auto direct = figures.find("BM_RecordDirect");
             if (ring != figures.end() && direct != figures.end()) {
                 char line[120];
-                snprintf(line, sizeof(line), "  ring - direct: %+.2f ns\n", ring->second.ns - direct->second.ns);
+                snprintf(line, sizeof(line), "  ring - direct: %+.2f ns\n",
+                         ring->second.ns - direct->second.ns);
                 out << line;
             }
         }
