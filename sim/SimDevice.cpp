@@ -94,7 +94,7 @@ void CSimDevice::_Deliver(SimFrames& frames, size_t& next, size_t& offset, SoftF
     frame.data = frames.bytes.data() + offset;
     frame.length = length;
     frame.status = 0;
-    frame.timestamp = static_cast<uint32_t>(monotonic_ns());
+    frame.timestamp = 0;  // the feed asks for no receive time
     ++next;
     offset += length;
 }

@@ -20,8 +20,12 @@ void CSoftPort::Load(std::vector<char> bytes, std::vector<SoftFrame> frames) {
     m_exhausted.store(m_frames.empty(), std::memory_order_relaxed);
 }
 
-void CSoftPort::MarkFrame(size_t index, uint8_t status) {
-    m_frames.at(index).status = status;
+bool CSoftPort::MarkFrame(size_t index, uint8_t status) {
+    if (index >= m_frames.size()) {
+        return false;
+    }
+    m_frames[index].status = status;
+    return true;
 }
 
 void CSoftPort::Rewind() {
@@ -48,14 +52,12 @@ ESoftNext CSoftPort::Next(SoftFrameRef& out) {
     }
     // The card drops what arrives while its stream is off.
     if (__atomic_load_n(&m_pRegisters[m_streamRegister], __ATOMIC_RELAXED) != 1) {
-        m_dropped.fetch_add(1, std::memory_order_relaxed);
         return SOFT_NEXT_DROPPED;
     }
     out.data = m_data.data() + frame.offset;
     out.length = frame.length;
     out.status = frame.status;
     out.timestamp = static_cast<uint32_t>(frame.timeNs);
-    m_delivered.fetch_add(1, std::memory_order_relaxed);
     return SOFT_NEXT_FRAME;
 }
 
@@ -73,8 +75,6 @@ std::map<std::string, SoftSourceFactory>& Sources() {
     static auto* sources = new std::map<std::string, SoftSourceFactory>();
     return *sources;
 }
-
-std::atomic<bool> g_useRing{QUVO_HAVE_EXANIC != 0};
 
 volatile uint32_t* AllocateRegisters() {
     void* window = aligned_alloc(4096, CSoftCard::kRegisterWords * sizeof(uint32_t));
@@ -121,18 +121,14 @@ bool soft_card_take_failure(ESoftCardStep step, std::string& why) {
     return true;
 }
 
-#if QUVO_HAVE_EXANIC
-void soft_card_use_ring(bool ring) {
-    g_useRing.store(ring, std::memory_order_relaxed);
-}
-#endif
-
 CSoftCard::CSoftCard(const std::string& device, std::unique_ptr<CSoftSource> source,
-                     volatile uint32_t* registers)
+                     volatile uint32_t* registers, CReplaySource* replay, bool usesRing)
     : m_device(device),
       m_pRegisters(registers),
       m_source(std::move(source)),
+      m_pReplay(replay),
       m_paced(m_source->IsPaced()),
+      m_usesRing(usesRing),
       m_exitSeconds(m_source->GetExitSeconds()),
       m_lastActivityNs(monotonic_ns()),
       m_recorder(std::make_unique<CRegisterRecorder>(registers)) {}
@@ -154,7 +150,7 @@ CSoftCard::~CSoftCard() {
 }
 
 std::unique_ptr<CSoftCard> CSoftCard::Open(const std::string& device, std::string& error) {
-    bool useRing = g_useRing.load(std::memory_order_relaxed);
+    bool useRing = QUVO_HAVE_EXANIC != 0;
     const char* delivery = getenv("QUVO_SOFT_CARD_RX");
     if (delivery != nullptr && *delivery != '\0') {
         const std::string choice(delivery);
@@ -193,30 +189,27 @@ std::unique_ptr<CSoftCard> CSoftCard::Open(const std::string& device, std::strin
         free(const_cast<uint32_t*>(registers));
         return nullptr;
     }
-    std::unique_ptr<CSoftCard> card(new CSoftCard(device, std::move(source), registers));
-    card->m_pReplay = replaySource;
-    card->m_usesRing = useRing;
-    if (!card->_SetUp(error)) {
+    std::unique_ptr<CSoftCard> card(
+        new CSoftCard(device, std::move(source), registers, replaySource, useRing));
+    if (useRing && !card->_AllocateRings()) {
+        error = "cannot allocate the receive rings";
         return nullptr;
     }
     return card;
 }
 
-bool CSoftCard::_SetUp(std::string& error) {
+bool CSoftCard::_AllocateRings() {
 #if QUVO_HAVE_EXANIC
-    if (m_usesRing) {
-        for (std::unique_ptr<CSoftRxRing>& ring : m_rings) {
-            ring = CSoftRxRing::Create();
-            if (!ring) {
-                error = "cannot allocate the receive rings";
-                return false;
-            }
+    for (std::unique_ptr<CSoftRxRing>& ring : m_rings) {
+        ring = CSoftRxRing::Create();
+        if (!ring) {
+            return false;
         }
     }
-#else
-    (void)error;
-#endif
     return true;
+#else
+    return false;
+#endif
 }
 
 CSoftPort* CSoftCard::GetPort(int port) {

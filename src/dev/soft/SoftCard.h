@@ -36,7 +36,7 @@ struct SoftFrame {
 };
 
 // Captured frames of one port of a replay. Only the thread that polls the
-// port moves its cursor; counters and the idle state are read by others.
+// port moves its cursor; the idle state is read by others.
 class CSoftPort {
 public:
     CSoftPort(volatile uint32_t* registers, uint32_t streamRegister, CReplayClock& clock);
@@ -45,16 +45,15 @@ public:
     // Starts the frames over from the first; for looping benchmarks.
     void Rewind();
     // Frame `index` is delivered with a hardware status, as the card reports
-    // a frame that failed its CRC check or was aborted by the sender.
-    void MarkFrame(size_t index, uint8_t status);
+    // a frame that failed its CRC check or was aborted by the sender. False
+    // when there is no such frame.
+    bool MarkFrame(size_t index, uint8_t status);
 
     // The next frame, once its capture time has come when paced. A frame
-    // whose stream register is not 1 when it arrives is dropped and counted.
-    // Frame bytes stay valid for the port's life.
+    // whose stream register is not 1 when it arrives is dropped. Frame bytes
+    // stay valid for the port's life.
     ESoftNext Next(SoftFrameRef& frame);
 
-    uint64_t GetDelivered() const { return m_delivered.load(std::memory_order_relaxed); }
-    uint64_t GetDropped() const { return m_dropped.load(std::memory_order_relaxed); }
     size_t GetFrameCount() const { return m_frames.size(); }
     // Nothing left that could be delivered: all frames taken, or stream off.
     bool IsIdle() const;
@@ -67,8 +66,6 @@ private:
     std::vector<SoftFrame> m_frames;
     size_t m_next = 0;
     std::atomic<bool> m_exhausted{true};
-    std::atomic<uint64_t> m_delivered{0};
-    std::atomic<uint64_t> m_dropped{0};
 };
 
 // Where a software card can be told to fail, for tests of the bring-up.
@@ -134,7 +131,6 @@ public:
     // A replay's captured frames of port 0 (decoded records) or 1 (raw
     // frames); null for other sources.
     CSoftPort* GetPort(int port);
-    CSoftSource* GetSource() { return m_source.get(); }
 
     // Records what the feed does to this card's registers.
     CRegisterRecorder& GetRecorder() { return *m_recorder; }
@@ -149,7 +145,7 @@ public:
 
     // Whether this card plays the card's receive ring or answers receive
     // calls itself: the ring in the card build, unless QUVO_SOFT_CARD_RX is
-    // "direct" or soft_card_use_ring(false) was called before Open.
+    // "direct" when the card is opened.
     bool UsesRing() const { return m_usesRing; }
 
     // Direct delivery: frames that have arrived on `port` enter its buffer,
@@ -158,9 +154,9 @@ public:
         CSoftDirectRx& buffer = m_direct[port];
         const bool arrived = _Arrive(port, buffer, buffer.IsDrained());
         if (m_paced && arrived && buffer.GetPending() >= kRxRingChunks) {
-            m_overruns[port].fetch_add(1, std::memory_order_relaxed);
+            _Count(m_overruns[port]);
         }
-        const ssize_t n = m_direct[port].Read(buf, size);
+        const ssize_t n = buffer.Read(buf, size);
         if (__builtin_expect(m_exitSeconds >= 0, 0)) {
             _WatchForExit(arrived || n != 0);
         }
@@ -176,7 +172,7 @@ public:
         CSoftRxRing& ring = *m_rings[port];
         const bool arrived = _Arrive(port, ring, ring.IsDrained(reader));
         if (m_paced && arrived && ring.GetPending(reader) >= kRxRingChunks) {
-            m_overruns[port].fetch_add(1, std::memory_order_relaxed);
+            _Count(m_overruns[port]);
         }
         if (__builtin_expect(m_exitSeconds >= 0, 0)) {
             _WatchForExit(arrived || !ring.IsDrained(reader));
@@ -188,9 +184,6 @@ public:
     }
     // A reader of `port` is released; its position is kept for the figures.
     void NoteReaderReleased(int port, const exanic_rx_t& reader);
-    CSoftRxRing& GetRing(int port) {
-        return *m_rings[port];
-    }
 #endif
 
     SoftRxFigures GetFigures(int port) const;
@@ -199,9 +192,15 @@ public:
     std::string DescribeDelivery() const;
 
 private:
-    CSoftCard(const std::string& device, std::unique_ptr<CSoftSource> source, volatile uint32_t* registers);
-    bool _SetUp(std::string& error);
+    CSoftCard(const std::string& device, std::unique_ptr<CSoftSource> source, volatile uint32_t* registers,
+              CReplaySource* replay, bool usesRing);
+    bool _AllocateRings();
     void _WatchForExit(bool active);
+    // Figures have one writer, the thread polling the port: no locked
+    // read-modify-write on the receive path.
+    static void _Count(std::atomic<uint64_t>& counter) {
+        counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
 
     // Frames of a paced source are written as they come due, however far
     // behind the reader is; other sources hand over one frame when the
@@ -221,10 +220,10 @@ private:
             // A frame of no bytes cannot be written into the ring; the card never has one.
             if (next == SOFT_NEXT_FRAME && frame.length > 0) {
                 _Write(buffer, frame);
-                m_frames[port].fetch_add(1, std::memory_order_relaxed);
+                _Count(m_frames[port]);
                 arrived = true;
             } else {
-                m_dropped[port].fetch_add(1, std::memory_order_relaxed);
+                _Count(m_dropped[port]);
             }
             if (!m_paced) {
                 break;
@@ -244,9 +243,9 @@ private:
     std::string m_device;
     volatile uint32_t* m_pRegisters;
     std::unique_ptr<CSoftSource> m_source;
-    CReplaySource* m_pReplay = nullptr;
-    bool m_paced = false;
-    bool m_usesRing = false;
+    CReplaySource* m_pReplay;
+    bool m_paced;
+    bool m_usesRing;
     CSoftDirectRx m_direct[2];
 #if QUVO_HAVE_EXANIC
     std::unique_ptr<CSoftRxRing> m_rings[2];
@@ -267,10 +266,3 @@ private:
 void soft_card_fail_next(ESoftCardStep step, const std::string& why);
 // Consumes a pending failure of `step`: true (with `why` filled) if one was set.
 bool soft_card_take_failure(ESoftCardStep step, std::string& why);
-
-#if QUVO_HAVE_EXANIC
-// Software cards opened from now on play the card's receive ring (the
-// default) or, with false, answer receive calls directly; for comparing the
-// two.
-void soft_card_use_ring(bool ring);
-#endif

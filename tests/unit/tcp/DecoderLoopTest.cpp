@@ -161,9 +161,9 @@ TEST_F(DecoderLoopTest, EachReceiveErrorIsLoggedAsAnAbnormalLength) {
     Replay({std::vector<char>(60, 0), std::vector<char>(60, 0), std::vector<char>(60, 0),
             std::vector<char>(2049, 0)});
     CSoftPort* port = m_card->Card()->GetPort(1);
-    port->MarkFrame(0, RX_FRAME_ABORTED);
-    port->MarkFrame(1, RX_FRAME_CORRUPT);
-    port->MarkFrame(2, RX_FRAME_HWOVFL);
+    ASSERT_TRUE(port->MarkFrame(0, RX_FRAME_ABORTED));
+    ASSERT_TRUE(port->MarkFrame(1, RX_FRAME_CORRUPT));
+    ASSERT_TRUE(port->MarkFrame(2, RX_FRAME_HWOVFL));
     CStdoutCapture capture;
     {
         CThread worker;

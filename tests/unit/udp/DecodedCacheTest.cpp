@@ -174,10 +174,10 @@ TEST_F(DecodedCacheTest, ReceiveErrorIsLoggedAsAHugeLengthAndIgnored) {
 TEST_F(DecodedCacheTest, EachHardwareStatusAndTruncationIsLoggedAsAnAbnormalLength) {
     Replay({Record(1), Record(2), Record(3), std::vector<char>(2049, 'x'), Record(4)});
     CSoftPort* port = m_card->Card()->GetPort(0);
-    port->MarkFrame(0, RX_FRAME_ABORTED);
-    port->MarkFrame(1, RX_FRAME_CORRUPT);
-    port->MarkFrame(2, RX_FRAME_HWOVFL);
-    port->MarkFrame(4, 0xF0);  // filter-region bits only: a good frame
+    ASSERT_TRUE(port->MarkFrame(0, RX_FRAME_ABORTED));
+    ASSERT_TRUE(port->MarkFrame(1, RX_FRAME_CORRUPT));
+    ASSERT_TRUE(port->MarkFrame(2, RX_FRAME_HWOVFL));
+    ASSERT_TRUE(port->MarkFrame(4, 0xF0));  // filter-region bits only: a good frame
     const std::string out = Capture([&] {
         for (int i = 0; i < 5; ++i) {
             h.udp.CachePacket();

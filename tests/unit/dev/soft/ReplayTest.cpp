@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,7 @@
 #include "sim/PcapWriter.h"
 #include "src/dev/Card.h"
 #include "src/dev/ExanicDevFunc.h"
+#include "src/dev/RxFrame.h"
 #include "src/dev/soft/ReplaySource.h"
 #include "tests/support/LogLines.h"
 #include "tests/support/StdoutCapture.h"
@@ -117,9 +119,71 @@ TEST_F(ReplayTest, FramesAreDeliveredOnlyWhileTheirStreamIsOn) {
     EXPECT_EQ(Next(1), "r2");
     EXPECT_EQ(Next(1), "r3");
     CSoftCard* card = card_get_soft_card(m_handle);
-    EXPECT_EQ(card->GetPort(1)->GetDropped(), 1u);
-    EXPECT_EQ(card->GetPort(0)->GetDropped(), 1u);
-    EXPECT_EQ(card->GetPort(1)->GetDelivered(), 2u);
+    EXPECT_EQ(card->GetFigures(1).dropped, 1u);
+    EXPECT_EQ(card->GetFigures(0).dropped, 1u);
+    EXPECT_EQ(card->GetFigures(1).frames, 2u);
+}
+
+TEST_F(ReplayTest, FrameOfNoBytesIsDroppedAndTheNextComesThrough) {
+    // The ring cannot carry an empty frame, so neither delivery path does.
+    const std::string decodedPath = WritePcap("d.pcap", DLT_EN10MB, true, {{kT0, ""}, {kT0, "d2"}});
+    ASSERT_TRUE(Open("decoded=" + decodedPath));
+    StreamsOn();
+    EXPECT_EQ(Next(0), "<0>");
+    EXPECT_EQ(Next(0), "d2");
+    EXPECT_EQ(card_get_soft_card(m_handle)->GetFigures(0).dropped, 1u);
+    EXPECT_EQ(card_get_soft_card(m_handle)->GetFigures(0).frames, 1u);
+}
+
+TEST_F(ReplayTest, MarkingAFrameThatIsNotThereFails) {
+    const std::string decodedPath = WritePcap("d.pcap", DLT_EN10MB, true, {{kT0, "d1"}});
+    ASSERT_TRUE(Open("decoded=" + decodedPath));
+    CSoftPort* port = card_get_soft_card(m_handle)->GetPort(0);
+    EXPECT_TRUE(port->MarkFrame(0, RX_FRAME_CORRUPT));
+    EXPECT_FALSE(port->MarkFrame(1, RX_FRAME_CORRUPT));
+    StreamsOn();
+    EXPECT_EQ(Next(0), "<" + std::to_string(-RX_FRAME_CORRUPT) + ">");
+}
+
+// The delivery a process's software cards use comes from QUVO_SOFT_CARD_RX.
+class DeliveryChoiceTest : public ReplayTest {
+protected:
+    ~DeliveryChoiceTest() override { unsetenv("QUVO_SOFT_CARD_RX"); }
+
+    bool OpenWith(const char* delivery) {
+        setenv("QUVO_SOFT_CARD_RX", delivery, 1);
+        return Open("decoded=" + WritePcap("d.pcap", DLT_EN10MB, true, {{kT0, "d1"}}));
+    }
+};
+
+TEST_F(DeliveryChoiceTest, DirectIsAvailableInEveryBuild) {
+    ASSERT_TRUE(OpenWith("direct")) << card_get_last_error();
+    EXPECT_FALSE(card_get_soft_card(m_handle)->UsesRing());
+    StreamsOn();
+    EXPECT_EQ(Next(0), "d1");
+}
+
+TEST_F(DeliveryChoiceTest, RingNeedsTheCardLibrary) {
+#if QUVO_HAVE_EXANIC
+    ASSERT_TRUE(OpenWith("ring")) << card_get_last_error();
+    EXPECT_TRUE(card_get_soft_card(m_handle)->UsesRing());
+    StreamsOn();
+    EXPECT_EQ(Next(0), "d1");
+#else
+    EXPECT_FALSE(OpenWith("ring"));
+    EXPECT_EQ(std::string(card_get_last_error()),
+              "QUVO_SOFT_CARD_RX=ring needs the card library: build with the card preset");
+#endif
+}
+
+TEST_F(DeliveryChoiceTest, AnyOtherChoiceIsRefused) {
+    EXPECT_FALSE(OpenWith("dma"));
+    EXPECT_EQ(std::string(card_get_last_error()), "QUVO_SOFT_CARD_RX must be ring or direct, not 'dma'");
+}
+
+TEST_F(ReplayTest, CardBuildDeliversThroughTheRingByDefault) {
+    ASSERT_TRUE(Open("decoded=" + WritePcap("d.pcap", DLT_EN10MB, true, {{kT0, "d1"}})));
+    EXPECT_EQ(card_get_soft_card(m_handle)->UsesRing(), QUVO_HAVE_EXANIC != 0);
 }
 
 TEST_F(ReplayTest, EitherFileMayBeOmitted) {
@@ -234,7 +298,7 @@ TEST_F(ReplayTest, PacedReplayHoldsFramesUntilTheirTime) {
     StreamsOn();
     EXPECT_EQ(Next(1), "now");
     EXPECT_EQ(Next(0), "<0>");
-    EXPECT_EQ(card_get_soft_card(m_handle)->GetPort(0)->GetDropped(), 0u);
+    EXPECT_EQ(card_get_soft_card(m_handle)->GetFigures(0).dropped, 0u);
 }
 
 TEST_F(ReplayTest, FasterSpeedShortensTheWait) {
