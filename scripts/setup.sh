@@ -24,6 +24,7 @@ need_header benchmark/benchmark.h libbenchmark-dev
 need_header pcap/pcap.h libpcap-dev
 need_command clang clang
 need_header ncurses.h libncurses-dev
+need_header nlohmann/json.hpp nlohmann-json3-dev
 need_command tmux tmux
 # The Python tests run on Debian's interpreter, where python3-numpy installs.
 need_command /usr/bin/python3 python3

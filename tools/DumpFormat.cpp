@@ -1,10 +1,13 @@
 #include "tools/DumpFormat.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <type_traits>
 
 namespace {
@@ -60,7 +63,56 @@ void trim_line_end(std::string& text) {
     text.erase(last == std::string::npos ? 0 : last + 1);
 }
 
+// Accepts a value as a whole number of units of the last decimal when it lies
+// within a few units in the last place of one: the error that tick
+// arithmetic in doubles leaves behind.
+bool fits_decimals(double value, int decimals) {
+    const double scaled = value * std::pow(10.0, decimals);
+    return std::fabs(scaled - std::nearbyint(scaled)) <= 1e-9 * std::max(1.0, std::fabs(scaled));
+}
+
 }  // namespace
+
+int price_decimals(const double* values, size_t count) {
+    for (int decimals = 0; decimals <= kMaxPriceDecimals; ++decimals) {
+        bool fits = true;
+        for (size_t i = 0; i < count && fits; ++i) {
+            fits = values[i] == 0.0 || !std::isfinite(values[i]) || fits_decimals(values[i], decimals);
+        }
+        if (fits) {
+            return decimals;
+        }
+    }
+    return -1;
+}
+
+int instrument_price_decimals(const instrument& inst) {
+    double prices[3 + 2 * QUVO_BOOK_LEVELS] = {inst.last_px, inst.highest_price, inst.lowest_price};
+    std::copy(std::begin(inst.bid_px), std::end(inst.bid_px), prices + 3);
+    std::copy(std::begin(inst.ask_px), std::end(inst.ask_px), prices + 3 + QUVO_BOOK_LEVELS);
+    return price_decimals(prices, std::size(prices));
+}
+
+std::string format_price(double value, int decimals) {
+    if (decimals < 0 || !std::isfinite(value)) {
+        char buffer[64];
+        const auto result = std::to_chars(buffer, buffer + sizeof(buffer), value);
+        return std::string(buffer, result.ptr);
+    }
+    std::string text = printf_string("%.*f", decimals, value);
+    return text == printf_string("%.*f", decimals, -0.0) ? text.substr(1) : text;
+}
+
+double round_price(double value, int decimals) {
+    if (decimals < 0 || !std::isfinite(value)) {
+        return value;
+    }
+    return std::strtod(printf_string("%.*f", decimals, value).c_str(), nullptr);
+}
+
+std::string format_amount(double value) {
+    return format_price(value, price_decimals(&value, 1));
+}
 
 const char* exchange_name(uint32_t slot) {
     return quvo_slot_is_ine(slot) ? "INE" : "SHFE";

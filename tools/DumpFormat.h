@@ -1,6 +1,7 @@
 // Text and JSON renderings of shared-memory records for quvo-dump.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -21,6 +22,23 @@ std::string format_update_time(uint32_t updateTime, uint16_t milliSec);
 // The identifier up to its first NUL, at most 16 bytes; other bytes outside
 // printable ASCII appear as \xNN.
 std::string inst_id_text(const instrument& inst);
+
+// The shared record carries no tick size, so the precision a tick gives is
+// recovered from the prices themselves: the fewest decimals (at most
+// kMaxPriceDecimals) that reproduce every nonzero finite value to within
+// rounding error, or -1 when no such count exists.
+constexpr int kMaxPriceDecimals = 8;
+int price_decimals(const double* values, size_t count);
+// Over last, high, low and every level's price of the record.
+int instrument_price_decimals(const instrument& inst);
+// `value` at `decimals` places ("576.2", not "576.20000000000005"); -1 gives
+// the shortest text that reads back as the same double.
+std::string format_price(double value, int decimals);
+// `value` rounded to `decimals` places: the double nearest that decimal, so
+// that its shortest rendering is the decimal itself. -1 leaves it as it is.
+double round_price(double value, int decimals);
+// A single amount (turnover, totals) at its own precision.
+std::string format_amount(double value);
 
 // Header, statistics and the ten-level ladder, ending in a newline.
 std::string format_table(const instrument& inst, uint32_t slot);
