@@ -25,6 +25,10 @@ inline bool Running(const int* running) {
 
 }  // namespace
 
+const char* quvo_software_version() {
+    return kSoftwareVersion;
+}
+
 extern "C" int quvo_recv(const char* config_path, int* running) {
     CCommonLog::GetInstance().SetLogLevel(static_cast<ELOGLEVEL>(31));
 

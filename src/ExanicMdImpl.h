@@ -10,3 +10,6 @@ extern "C" {
 // stops the feed.
 int quvo_recv(const char* config_path, int* running);
 }
+
+// The build date and time followed by the release, as the feed logs it.
+const char* quvo_software_version();

@@ -51,6 +51,39 @@ std::string CConfigParse::_GetConfigData(const std::string& section, const std::
     return keyIt->second;
 }
 
+IniLine CConfigParse::_ReadLine(const std::string& raw) {
+    IniLine result;
+    std::string line = _Trim(raw);
+    // A comment starts anywhere, so a value never holds ';' or '#'.
+    const size_t comment = line.find_first_of(";#");
+    if (comment != std::string::npos) {
+        line.erase(comment);
+        result.commentCut = true;
+    }
+    line = _Trim(line);
+    if (line.empty()) {
+        result.kind = IniLine::BLANK;
+    } else if (line[0] == '[') {
+        const size_t close = line.find(']');
+        if (close == std::string::npos) {
+            result.kind = IniLine::UNCLOSED_HEADING;
+        } else {
+            result.kind = IniLine::HEADING;
+            result.section = line.substr(1, close - 1);
+        }
+    } else {
+        const size_t equals = line.find('=');
+        if (equals == std::string::npos) {
+            result.kind = IniLine::NO_EQUALS;
+        } else {
+            result.kind = IniLine::KEY_VALUE;
+            result.key = _Trim(line.substr(0, equals));
+            result.value = _Trim(line.substr(equals + 1));
+        }
+    }
+    return result;
+}
+
 int CConfigParse::_LoadConfig(const std::string& path) {
     QUVO_LOG(LOG_INFO, "read configure file: %s", path.c_str());
     std::ifstream file(path);
@@ -62,40 +95,19 @@ int CConfigParse::_LoadConfig(const std::string& path) {
     std::string current;
     std::string raw;
     while (std::getline(file, raw)) {
-        std::string line = _Trim(raw);
-        // A comment starts anywhere, so a value never holds ';' or '#'.
-        const size_t comment = line.find_first_of(";#");
-        if (comment != std::string::npos) {
-            line.erase(comment);
-        }
-        line = _Trim(line);
-        if (line.empty()) {
-            continue;
-        }
-        if (line[0] == '[') {
-            const size_t close = line.find(']');
-            if (close == std::string::npos) {
-                continue;
-            }
-            current = line.substr(1, close - 1);
+        const IniLine line = _ReadLine(raw);
+        if (line.kind == IniLine::HEADING) {
+            current = line.section;
             // A repeated heading discards what its earlier occurrence set.
             sections[current].clear();
-            continue;
+        } else if (line.kind == IniLine::KEY_VALUE && !current.empty()) {
+            sections[current][line.key] = line.value;
         }
-        const size_t equals = line.find('=');
-        if (equals == std::string::npos || current.empty()) {
-            continue;
-        }
-        sections[current][_Trim(line.substr(0, equals))] = _Trim(line.substr(equals + 1));
     }
     return 0;
 }
 
-int CConfigParse::InitConfig(const std::string& path) {
-    if (_LoadConfig(path) != 0) {
-        return -1;
-    }
-
+int CConfigParse::_ReadRecord() {
     ExanicMdConfigData& cfg = m_refConfigData;
     auto get = [this](const char* key, const char* defaultValue) {
         return _GetConfigData("config", key, defaultValue);
@@ -130,8 +142,16 @@ int CConfigParse::InitConfig(const std::string& path) {
 
     cfg.timeout_cnt = static_cast<int16_t>(ToLong(get("timeout_cnt", "10")));
     cfg.shield_price_check = ToLong(get("shield_price_check", "0")) == 1;
-    const int logLevel = static_cast<int>(ToLong(get("log_level", "7")));
+    return static_cast<int>(ToLong(get("log_level", "7")));
+}
+
+int CConfigParse::InitConfig(const std::string& path) {
+    if (_LoadConfig(path) != 0) {
+        return -1;
+    }
+    const int logLevel = _ReadRecord();
     CCommonLog::GetInstance().SetLogLevel(static_cast<ELOGLEVEL>(logLevel));
+    const ExanicMdConfigData& cfg = m_refConfigData;
 
     QUVO_LOG(LOG_DEBUG,
              "configure param: device: %s, insts: %s,\n"

@@ -38,6 +38,16 @@ struct ExanicMdConfigData {
     bool ine4ps = false;
 };
 
+// One line of the configuration file, as the reader takes it.
+struct IniLine {
+    enum EKind { BLANK, HEADING, UNCLOSED_HEADING, NO_EQUALS, KEY_VALUE };
+    EKind kind = BLANK;
+    std::string section;      // HEADING: the name between the brackets, untrimmed
+    std::string key;          // KEY_VALUE: trimmed
+    std::string value;        // KEY_VALUE: trimmed
+    bool commentCut = false;  // a ';' or '#' cut something off the line
+};
+
 class CConfigParse {
 public:
     explicit CConfigParse(ExanicMdConfigData& configData) : m_refConfigData(configData) {}
@@ -49,8 +59,13 @@ public:
 
 private:
     friend class CConfigParseTestAccess;
+    // The configuration check reads files with the same rules.
+    friend class CConfigCheck;
 
     int _LoadConfig(const std::string& path);
+    static IniLine _ReadLine(const std::string& raw);
+    // Fills the record from `sections`; returns the log level value.
+    int _ReadRecord();
     static std::string _Trim(const std::string& s);
     // Always splits on the comma, whatever `sep` is.
     static std::vector<std::string> _SplitByChar(const std::string& s, char sep);

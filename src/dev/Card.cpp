@@ -1,5 +1,9 @@
 #include "src/dev/Card.h"
 
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -47,6 +51,36 @@ bool card_is_software(const char* device) {
     const std::string name(device);
     std::string options;
     return name.rfind("replay:", 0) == 0 || soft_card_find_source(name, options) != nullptr;
+}
+
+bool card_check_device(const std::string& device, std::string& detail) {
+    if (card_is_software(device.c_str())) {
+        std::string why;
+        std::unique_ptr<CSoftCard> card = CSoftCard::Open(device, why);
+        if (!card) {
+            detail = "software card: " + why;
+            return false;
+        }
+        CSoftPort* decoded = card->GetPort(0);
+        CSoftPort* raw = card->GetPort(1);
+        detail = decoded != nullptr && raw != nullptr
+                     ? "software card replaying " + std::to_string(decoded->GetFrameCount()) +
+                           " decoded and " + std::to_string(raw->GetFrameCount()) + " raw frames"
+                     : "software card (" + device.substr(0, device.find(':')) + ")";
+        return true;
+    }
+#if QUVO_HAVE_EXANIC
+    const std::string file = "/dev/" + device;
+    if (access(file.c_str(), R_OK | W_OK) != 0) {
+        detail = "card " + device + ": " + file + ": " + strerror(errno);
+        return false;
+    }
+    detail = "card " + device + " (" + file + "), with card support in this build";
+    return true;
+#else
+    detail = "card " + device + ": this build has no card support (build with the card preset)";
+    return false;
+#endif
 }
 
 CardHandle* card_acquire_handle(const char* device) {

@@ -41,6 +41,11 @@ constexpr ssize_t CARD_RX_FRAME_SWOVFL = -RX_FRAME_SWOVFL;
 
 // True for device strings served by the software card.
 bool card_is_software(const char* device);
+// Checks what `device` names without keeping anything: a software card is
+// built (options parsed, captures read) and let go; a card name needs card
+// support in this build and its device file. False, with `detail` saying why,
+// when acquiring it would fail; `detail` describes it either way.
+bool card_check_device(const std::string& device, std::string& detail);
 
 // Acquires the device; acquiring a name again returns the same handle with
 // its reference count raised. Null on failure (see card_get_last_error).
