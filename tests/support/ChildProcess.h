@@ -22,6 +22,7 @@ public:
     bool Wait(double seconds, int& status);
     void Signal(int signal);
     bool Running() const { return m_pid > 0; }
+    pid_t Pid() const { return m_pid; }
 
 private:
     pid_t m_pid = -1;
