@@ -5,6 +5,7 @@
 //
 // One line per update: update time, identifier, change number, last price,
 // volume, best bid and best ask (price x volume). Ctrl+C stops it.
+// Identifiers not in use yet are waited for.
 #include <signal.h>
 #include <time.h>
 
@@ -22,6 +23,23 @@ void on_signal(int) {
     g_stop = 1;
 }
 
+void print_usage(FILE* out, const char* program) {
+    fprintf(out,
+            "Usage: %s ID [ID ...]\n"
+            "Prints the book of each instrument named, then a line for every update of it\n"
+            "that quvo-md announces in its update ring: update time, identifier, change\n"
+            "number, last price, volume, best bid and best ask (price x volume). An\n"
+            "identifier not in use yet is waited for, and printed once it comes into use.\n"
+            "Ctrl+C stops it.\n"
+            "\n"
+            "  -h, --help  print this text and exit\n"
+            "\n"
+            "The shared memory is keyed by the files key_f and key_e in the directory named\n"
+            "by QUVO_KEY_DIR, or in /etc when it is unset or empty.\n"
+            "Exit status: 0 stopped by a signal; 2 bad arguments or no shared memory.\n",
+            program);
+}
+
 void print_update(const instrument& inst) {
     const unsigned t = inst.update_time;
     printf("%02u:%02u:%02u.%03u %.16s change_no %u last %.10g volume %u bid %.10g x %d ask %.10g x %d\n",
@@ -35,8 +53,21 @@ void print_update(const instrument& inst) {
 
 int main(int argc, char** argv) {
     if (argc < 2) {
-        fprintf(stderr, "Usage: %s ID [ID ...]\n", argv[0]);
+        print_usage(stderr, argv[0]);
         return 2;
+    }
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "-h" || arg == "--help") {
+            print_usage(stdout, argv[0]);
+            return 0;
+        }
+        // No identifier starts with a dash: this is a mistyped option.
+        if (arg[0] == '-') {
+            fprintf(stderr, "print_updates: unknown option %s\n", argv[i]);
+            print_usage(stderr, argv[0]);
+            return 2;
+        }
     }
     CQuvoReader reader;
     std::string error;
@@ -55,8 +86,9 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         const int slot = reader.FindSlot(argv[i]);
         if (slot < 0) {
+            fprintf(stderr, "print_updates: %s is not in use; waiting for it\n", argv[i]);
             waiting.push_back(argv[i]);
-        } else {
+        } else if (!wanted[slot]) {
             wanted[slot] = true;
             found.push_back(slot);
         }

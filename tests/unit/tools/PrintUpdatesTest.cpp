@@ -74,13 +74,64 @@ TEST_F(PrintUpdatesTest, PrintsTheChosenBooksThenEveryUpdateOfThem) {
     const RunResult result = example.Wait();
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.err, "print_updates: zn2501 is not in use; waiting for it\n");
+}
+
+TEST_F(PrintUpdatesTest, SaysWhichIdentifiersAreNotInUseAndPrintsThemOnceTheyAre) {
+    CPipedProcess example(QUVO_PRINT_UPDATES_PATH, {"cu2599", "cu2501", "cu2599x"}, true);
+    std::string line;
+    ASSERT_TRUE(example.ReadLine(line));  // following the ring from here
+    EXPECT_EQ(line, "09:30:15.007 cu2501 change_no 10 last 72010 volume 1234 bid 72000 x 10 ask 72010 x 5");
+
+    set_book(Slot(5), "cu2599", 73000.0, 72990.0, 73010.0);
+    m_segments.pMdArea->shfe_inst_cnt = 6;
+    m_ring.Publish(5);
+    ASSERT_TRUE(example.ReadLine(line));
+    EXPECT_EQ(line, "09:30:15.007 cu2599 change_no 10 last 73000 volume 1234 bid 72990 x 10 ask 73010 x 5");
+    Slot(5).change_no = 12;
+    m_ring.Publish(5);
+    ASSERT_TRUE(example.ReadLine(line));
+    EXPECT_EQ(line, "09:30:15.007 cu2599 change_no 12 last 73000 volume 1234 bid 72990 x 10 ask 73010 x 5");
+
+    ASSERT_EQ(kill(example.Pid(), SIGINT), 0);
+    const RunResult result = example.Wait();
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err,
+              "print_updates: cu2599 is not in use; waiting for it\n"
+              "print_updates: cu2599x is not in use; waiting for it\n");
 }
 
 TEST_F(PrintUpdatesTest, WithoutIdentifiersPrintsItsUsage) {
     const RunResult result = run_piped(QUVO_PRINT_UPDATES_PATH, {});
     EXPECT_EQ(result.status, 2);
-    EXPECT_EQ(result.err, std::string("Usage: ") + QUVO_PRINT_UPDATES_PATH + " ID [ID ...]\n");
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err.rfind(std::string("Usage: ") + QUVO_PRINT_UPDATES_PATH + " ID [ID ...]\n", 0), 0u)
+        << result.err;
+}
+
+TEST(PrintUpdatesUsageTest, HelpPrintsTheUsageAndExitsWithoutAttaching) {
+    CShmSandbox sandbox;  // no segments: help must not need them
+    for (const std::vector<std::string>& args :
+         std::vector<std::vector<std::string>>{{"--help"}, {"-h"}, {"cu2501", "--help"}}) {
+        const RunResult result = run_piped(QUVO_PRINT_UPDATES_PATH, args);
+        EXPECT_EQ(result.status, 0) << args.back();
+        EXPECT_EQ(result.err, "") << args.back();
+        EXPECT_EQ(result.out.rfind(std::string("Usage: ") + QUVO_PRINT_UPDATES_PATH + " ID [ID ...]\n", 0),
+                  0u)
+            << result.out;
+        for (const char* text : {"--help", "waited for", "QUVO_KEY_DIR", "Ctrl+C"}) {
+            EXPECT_NE(result.out.find(text), std::string::npos) << text << "\n" << result.out;
+        }
+    }
+}
+
+TEST(PrintUpdatesUsageTest, RefusesAnUnknownOption) {
+    CShmSandbox sandbox;
+    const RunResult result = run_piped(QUVO_PRINT_UPDATES_PATH, {"--colour", "cu2501"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err.rfind("print_updates: unknown option --colour\nUsage: ", 0), 0u) << result.err;
 }
 
 TEST(PrintUpdatesWithoutFeedTest, SaysWhyItCannotAttach) {
