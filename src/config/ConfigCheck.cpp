@@ -297,7 +297,7 @@ private:
 
     void _Options() {
         const std::string* value = _Value("options");
-        if (value != nullptr && !value->empty() && *value != "norecv") {
+        if (value != nullptr && !value->empty() && *value != "norecv" && *value != "recv") {
             _Warn("options", "options = " + *value + ": only " + quoted("norecv") +
                                  " drops option instruments; they are kept");
         }
@@ -347,6 +347,10 @@ private:
     void _CpuCore() {
         const int cpu = m_refResult.config.cpucore;
         const int cpus = get_nprocs();
+        // -1 is how a development or test configuration asks to run unpinned.
+        if (cpu == -1 && _Value("cpucore") != nullptr) {
+            return;
+        }
         if (cpu < 0 || cpu >= cpus) {
             _Warn("cpucore", "cpucore = " + std::to_string(cpu) + ": not a CPU of this host (0 to " +
                                  std::to_string(cpus - 1) + "); the feed runs unpinned");
@@ -502,7 +506,7 @@ std::string CConfigCheck::Describe(const ConfigCheckResult& result) {
         {"ine4ps_topic_id", std::to_string(c.ine4ps_topic_id)},
         {"md2ps_snap_port", std::to_string(c.md2ps_snap_port)},
         {"md4ps_snap_port", std::to_string(c.md4ps_snap_port)},
-        {"cpucore", std::to_string(c.cpucore)},
+        {"cpucore", std::to_string(c.cpucore) + (c.cpucore == -1 ? " (unpinned)" : "")},
         {"split_all_field", std::to_string(c.split_all_field)},
         {"timeout_cnt", std::to_string(c.timeout_cnt)},
         {"shield_price_check", c.shield_price_check ? "1 (price check failures reported only)" : "0"},

@@ -245,4 +245,38 @@ TEST_F(FrontDoorE2E, MissingKeyFileStillFailsAsItAlwaysHas) {
     }
 }
 
+// The unit's start check, run as systemd would run it on this build: warnings
+// let the feed start, a refusal stops it; it stops the feed with SIGTERM.
+TEST_F(FrontDoorE2E, ServiceUnitChecksTheConfigurationFirst) {
+    const std::string unit = read_file(std::string(QUVO_SOURCE_DIR) + "/examples/quvo-md.service");
+    ASSERT_FALSE(unit.empty());
+    auto setting = [&](const std::string& key) {
+        const size_t at = unit.find("\n" + key + "=");
+        EXPECT_NE(at, std::string::npos) << key;
+        const size_t start = at + key.size() + 2;
+        return at == std::string::npos ? std::string() : unit.substr(start, unit.find('\n', start) - start);
+    };
+    EXPECT_EQ(setting("KillSignal"), "SIGTERM");
+    const std::string start = setting("ExecStart");
+    const std::string check = setting("ExecStartPre");
+    const size_t space = start.find(' ');
+    ASSERT_NE(space, std::string::npos);
+    const std::string binary = start.substr(0, space);
+    const std::string config = start.substr(space + 1);
+    ASSERT_NE(check.find(binary + " --check " + config), std::string::npos) << check;
+
+    auto runCheck = [&](const std::string& text) {
+        std::string command = check;
+        const std::string path = m_dir.WriteFile("unit.ini", text);
+        command.replace(command.find(binary), binary.size(), QUVO_MD_PATH);
+        command.replace(command.find(config), config.size(), path);
+        CTempDir cwd;
+        return run_program({"/bin/sh", "-c", command}, cwd.Path(), m_dir.Path() + "/unit.out",
+                           kTimeoutSeconds);
+    };
+    EXPECT_EQ(runCheck("[config]\ndevice = sim:shfe=10\ninsts = all\nshfe2ps = enabled\n"), 0);
+    EXPECT_EQ(runCheck("[config]\ndevice = sim:shfe=10\ninsts = all\nshfe2ps = enabled\nlog_levle = 3\n"), 0);
+    EXPECT_NE(runCheck("[config]\ndevice = sim:shfe=10\ninsts = all\nshfe2ps = Enabled\n"), 0);
+}
+
 }  // namespace

@@ -193,7 +193,9 @@ TEST_F(ConfigCheckTest, CpuCoreOutsideThisHost) {
     EXPECT_EQ(OnlyWarning("cpucore = " + std::to_string(cpus) + "\n"),
               "5: cpucore = " + std::to_string(cpus) + ": not a CPU of this host (0 to " +
                   std::to_string(cpus - 1) + "); the feed runs unpinned");
-    EXPECT_NE(OnlyWarning("cpucore = -1\n").find("not a CPU of this host"), std::string::npos);
+    EXPECT_NE(OnlyWarning("cpucore = -2\n").find("not a CPU of this host"), std::string::npos);
+    // -1 asks for no pinning.
+    EXPECT_TRUE(Check(std::string(kClean) + "cpucore = -1\n").findings.empty());
     EXPECT_TRUE(Check(std::string(kClean) + "cpucore = " + std::to_string(cpus - 1) + "\n").findings.empty());
 }
 
@@ -217,6 +219,7 @@ TEST_F(ConfigCheckTest, OptionsOtherThanNorecvKeepOptions) {
     EXPECT_EQ(OnlyWarning("options = no\n"),
               "5: options = no: only \"norecv\" drops option instruments; they are kept");
     EXPECT_TRUE(Check(std::string(kClean) + "options = norecv\n").findings.empty());
+    EXPECT_TRUE(Check(std::string(kClean) + "options = recv\n").findings.empty());
 }
 
 TEST_F(ConfigCheckTest, FeedAddressesThatDoNotParse) {
