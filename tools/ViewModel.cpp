@@ -1,10 +1,9 @@
 #include "tools/ViewModel.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cmath>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
 
 #include "tools/DumpFormat.h"
@@ -13,22 +12,12 @@ namespace {
 
 constexpr int64_t kQuietMs = 2000;
 
-// Decimals of a price as view_number writes it; -1 in exponent form.
-int decimals_of(double value) {
-    const std::string text = view_number(value);
-    if (text.find_first_of("eE") != std::string::npos) {
-        return -1;
-    }
-    const size_t point = text.find('.');
-    return point == std::string::npos ? 0 : static_cast<int>(text.size() - point - 1);
-}
-
 bool level_empty(double px, int32_t vol) {
     return px == 0.0 && vol == 0;
 }
 
-std::string level_px(double px, int32_t vol) {
-    return level_empty(px, vol) ? "" : view_number(px);
+std::string level_px(double px, int32_t vol, int decimals) {
+    return level_empty(px, vol) ? "" : format_price(px, decimals);
 }
 
 std::string level_vol(double px, int32_t vol) {
@@ -56,23 +45,12 @@ std::string stat_cell(const char* label, const std::string& value) {
 
 }  // namespace
 
-std::string view_number(double value) {
-    return printf_string("%.15g", value);
-}
-
-std::string view_change(double last, double first) {
-    if (first == 0.0) {
-        return "";
-    }
-    const int decimals = std::max(decimals_of(last), decimals_of(first));
-    if (decimals < 0) {
-        return printf_string("%+.15g", last - first);
-    }
-    const double diff = last - first;
-    if (std::fabs(diff) < 0.5 * std::pow(10.0, -decimals)) {
+std::string view_change(double last, double first, int decimals) {
+    const double diff = round_price(last - first, decimals);
+    if (diff == 0.0) {
         return "0";
     }
-    return printf_string("%+.*f", decimals, diff);
+    return (diff > 0.0 ? "+" : "") + format_price(diff, decimals);
 }
 
 std::string view_change_percent(double last, double first) {
@@ -84,6 +62,29 @@ std::string view_change_percent(double last, double first) {
 
 bool view_has_last(const instrument& inst) {
     return inst.last_px != 0.0 || inst.volume != 0;
+}
+
+bool view_is_spread(const instrument& inst) {
+    // The record carries no instrument class: a spread is named after its two
+    // legs (cu2501-cu2601), and the feed tells them apart the same way.
+    return memchr(inst.inst_id, '-',
+                  strnlen(reinterpret_cast<const char*>(inst.inst_id), sizeof(inst.inst_id))) != nullptr;
+}
+
+std::array<bool, QUVO_BOOK_LEVELS> view_levels_in_order(const instrument& inst, bool bid) {
+    const double* px = bid ? inst.bid_px : inst.ask_px;
+    const int32_t* vol = bid ? inst.bid_vol : inst.ask_vol;
+    std::array<bool, QUVO_BOOK_LEVELS> shown;
+    shown.fill(true);
+    int above = kExchangeLevels - 1;
+    for (int k = kExchangeLevels; k < QUVO_BOOK_LEVELS; ++k) {
+        const bool worse = bid ? px[k] < px[above] : px[k] > px[above];
+        shown[k] = worse && !level_empty(px[k], vol[k]) && !level_empty(px[above], vol[above]);
+        if (shown[k]) {
+            above = k;
+        }
+    }
+    return shown;
 }
 
 CUpdateRate::CUpdateRate() : m_slots(QUVO_INST_SLOTS) {
@@ -146,11 +147,10 @@ void CViewModel::Update(uint32_t slot, const instrument& inst) {
     }
     int32_t index = m_rowOfSlot[slot];
     if (index < 0) {
-        view_row row{slot, inst, false, 0.0};
+        view_row row{slot, inst, false, 0.0, 0};
         const auto found = m_baselines.find(inst_id_text(inst));
         if (found != m_baselines.end()) {
-            row.hasBaseline = true;
-            row.baseline = found->second;
+            _SetBaseline(row, found->second);
         }
         if (m_rows.empty() || _Order(m_rows.back().slot) < _Order(slot)) {
             index = static_cast<int32_t>(m_rows.size());
@@ -179,16 +179,45 @@ void CViewModel::Update(uint32_t slot, const instrument& inst) {
     const bool renamed = memcmp(row.inst.inst_id, inst.inst_id, sizeof(inst.inst_id)) != 0;
     row.inst = inst;
     if (renamed) {
+        row.hasBaseline = false;
+        row.baseline = 0.0;
+        row.decimals = 0;
         const auto found = m_baselines.find(inst_id_text(inst));
-        row.hasBaseline = found != m_baselines.end();
-        row.baseline = row.hasBaseline ? found->second : 0.0;
+        if (found != m_baselines.end()) {
+            _SetBaseline(row, found->second);
+        }
         _Rebuild();
     }
+    row.decimals = std::max(row.decimals, instrument_price_decimals(inst));
     if (!row.hasBaseline && view_has_last(inst)) {
-        row.hasBaseline = true;
-        row.baseline = inst.last_px;
+        _SetBaseline(row, inst.last_px);
         m_baselines.emplace(inst_id_text(inst), inst.last_px);
     }
+}
+
+void CViewModel::_SetBaseline(view_row& row, double baseline) {
+    row.hasBaseline = true;
+    row.baseline = baseline;
+    row.decimals = std::max(row.decimals, price_decimals(&baseline, 1));
+}
+
+int CViewModel::_Decimals(const view_row& row) {
+    const int decimals = instrument_price_decimals(row.inst);
+    return decimals < 0 ? decimals : std::max(decimals, row.decimals);
+}
+
+std::string CViewModel::_Change(const view_row& row, int decimals) {
+    if (!row.hasBaseline || !view_has_last(row.inst)) {
+        return "";
+    }
+    return view_change(row.inst.last_px, row.baseline, decimals);
+}
+
+std::string CViewModel::_ChangePercent(const view_row& row) {
+    if (!row.hasBaseline || !view_has_last(row.inst) || view_is_spread(row.inst)) {
+        return "";
+    }
+    return view_change_percent(row.inst.last_px, row.baseline);
 }
 
 void CViewModel::Keep(const std::vector<uint32_t>& slots) {
@@ -342,18 +371,16 @@ std::vector<view_line> CViewModel::ListLines(int64_t nowMs) const {
     for (size_t i = static_cast<size_t>(m_top); i < end; ++i) {
         const view_row& row = m_rows[m_visible[i]];
         const instrument& inst = row.inst;
-        const bool hasLast = view_has_last(inst);
-        const double first = row.hasBaseline ? row.baseline : 0.0;
+        const int decimals = _Decimals(row);
         const bool selected = static_cast<int>(row.slot) == m_selectedSlot;
         view_line line;
         line.text = printf_string("%s %-16s %-4s %12s %10s %8s %10u %12s %7s %12s %7s %6u",
                                   selected ? ">" : " ", inst_id_text(inst).c_str(), exchange_name(row.slot),
-                                  hasLast ? view_number(inst.last_px).c_str() : "",
-                                  hasLast ? view_change(inst.last_px, first).c_str() : "",
-                                  hasLast ? view_change_percent(inst.last_px, first).c_str() : "",
-                                  inst.volume, level_px(inst.bid_px[0], inst.bid_vol[0]).c_str(),
+                                  view_has_last(inst) ? format_price(inst.last_px, decimals).c_str() : "",
+                                  _Change(row, decimals).c_str(), _ChangePercent(row).c_str(), inst.volume,
+                                  level_px(inst.bid_px[0], inst.bid_vol[0], decimals).c_str(),
                                   level_vol(inst.bid_px[0], inst.bid_vol[0]).c_str(),
-                                  level_px(inst.ask_px[0], inst.ask_vol[0]).c_str(),
+                                  level_px(inst.ask_px[0], inst.ask_vol[0], decimals).c_str(),
                                   level_vol(inst.ask_px[0], inst.ask_vol[0]).c_str(),
                                   m_rate.PerSecond(row.slot, nowMs));
         line.style = selected ? EViewStyle::Selected : EViewStyle::Normal;
@@ -372,32 +399,32 @@ std::vector<view_line> CViewModel::LadderLines(int64_t nowMs, int width) const {
     const view_row& row = m_rows[static_cast<size_t>(m_rowOfSlot[static_cast<size_t>(slot)])];
     const instrument& inst = row.inst;
     const uint32_t uslot = static_cast<uint32_t>(slot);
+    const int decimals = _Decimals(row);
     lines.push_back({printf_string("%s  %s  slot %u  inst_no %u  updated ", inst_id_text(inst).c_str(),
                                    exchange_name(uslot), uslot, inst_no_of(uslot)) +
                          format_update_time(inst.update_time, inst.update_milli_sec),
                      EViewStyle::Heading});
     lines.push_back({});
-    const bool hasLast = view_has_last(inst);
-    const double first = row.hasBaseline ? row.baseline : 0.0;
-    std::string change = hasLast ? view_change(inst.last_px, first) : "";
-    if (!change.empty()) {
-        change += " (" + view_change_percent(inst.last_px, first) + ")";
+    std::string change = _Change(row, decimals);
+    const std::string percent = _ChangePercent(row);
+    if (!percent.empty()) {
+        change += " (" + percent + ")";
     }
     const std::vector<std::string> cells = {
-        stat_cell("last", hasLast ? view_number(inst.last_px) : ""),
+        stat_cell("last", view_has_last(inst) ? format_price(inst.last_px, decimals) : ""),
         stat_cell("change", change),
         stat_cell("volume", std::to_string(inst.volume)),
-        stat_cell("open interest", view_number(inst.open_interest)),
-        stat_cell("turnover", view_number(inst.turnover)),
+        stat_cell("open interest", format_amount(inst.open_interest)),
+        stat_cell("turnover", format_amount(inst.turnover)),
         stat_cell("updates/s", std::to_string(m_rate.PerSecond(uslot, nowMs))),
-        stat_cell("highest", view_number(inst.highest_price)),
-        stat_cell("lowest", view_number(inst.lowest_price)),
+        stat_cell("highest", format_price(inst.highest_price, decimals)),
+        stat_cell("lowest", format_price(inst.lowest_price, decimals)),
         stat_cell("change_no", std::to_string(inst.change_no)),
         stat_cell("bid total volume", std::to_string(inst.bid_totvol)),
-        stat_cell("bid total amount", view_number(inst.bid_totamount)),
+        stat_cell("bid total amount", format_amount(inst.bid_totamount)),
         stat_cell("type", std::to_string(inst.type)),
         stat_cell("ask total volume", std::to_string(inst.ask_totvol)),
-        stat_cell("ask total amount", view_number(inst.ask_totamount)),
+        stat_cell("ask total amount", format_amount(inst.ask_totamount)),
     };
     const size_t perLine =
         width <= 0 ? kStatColumns
@@ -414,15 +441,40 @@ std::vector<view_line> CViewModel::LadderLines(int64_t nowMs, int width) const {
     lines.push_back({printf_string("%7s%11s%15s | %-15s%11s  %s", "level", "bid vol", "bid px", "ask px",
                                    "ask vol", "source"),
                      EViewStyle::Heading});
+    std::array<bool, QUVO_BOOK_LEVELS> bidShown;
+    std::array<bool, QUVO_BOOK_LEVELS> askShown;
+    bidShown.fill(true);
+    askShown.fill(true);
+    if (m_hideOutOfOrder) {
+        bidShown = view_levels_in_order(inst, true);
+        askShown = view_levels_in_order(inst, false);
+    }
+    int bidHidden = 0;
+    int askHidden = 0;
     for (int k = 0; k < QUVO_BOOK_LEVELS; ++k) {
+        const double bidPx = bidShown[k] ? inst.bid_px[k] : 0.0;
+        const int32_t bidVol = bidShown[k] ? inst.bid_vol[k] : 0;
+        const double askPx = askShown[k] ? inst.ask_px[k] : 0.0;
+        const int32_t askVol = askShown[k] ? inst.ask_vol[k] : 0;
+        bidHidden += level_empty(inst.bid_px[k], inst.bid_vol[k]) || bidShown[k] ? 0 : 1;
+        askHidden += level_empty(inst.ask_px[k], inst.ask_vol[k]) || askShown[k] ? 0 : 1;
         const bool local = k >= kExchangeLevels;
+        const char* source = !local ? "exchange"
+                             : !m_hideOutOfOrder || !level_empty(bidPx, bidVol) || !level_empty(askPx, askVol)
+                                 ? "local"
+                                 : "";
+        std::string text = printf_string(
+            "%7d%11s%15s | %-15s%11s  %s", k + 1, level_vol(bidPx, bidVol).c_str(),
+            level_px(bidPx, bidVol, decimals).c_str(), level_px(askPx, askVol, decimals).c_str(),
+            level_vol(askPx, askVol).c_str(), source);
+        trim_right(text);
+        lines.push_back({text, local ? EViewStyle::Local : EViewStyle::Normal});
+    }
+    if (m_hideOutOfOrder) {
+        lines.push_back({});
         lines.push_back(
-            {printf_string("%7d%11s%15s | %-15s%11s  %s", k + 1,
-                           level_vol(inst.bid_px[k], inst.bid_vol[k]).c_str(),
-                           level_px(inst.bid_px[k], inst.bid_vol[k]).c_str(),
-                           level_px(inst.ask_px[k], inst.ask_vol[k]).c_str(),
-                           level_vol(inst.ask_px[k], inst.ask_vol[k]).c_str(), local ? "local" : "exchange"),
-             local ? EViewStyle::Local : EViewStyle::Normal});
+            {printf_string("  local levels out of order hidden: %d bid, %d ask", bidHidden, askHidden),
+             EViewStyle::Normal});
     }
     return lines;
 }

@@ -5,6 +5,7 @@
 // milliseconds passed in by the caller.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -13,16 +14,21 @@
 
 #include "interface/quvoreader.h"
 
-// Prices and amounts as quvo-dump's table writes them (fifteen significant digits).
-std::string view_number(double value);
-// `last` minus `first`, with as many decimals as the more precise of the two
-// ("+20", "-0.2", "0"); empty when `first` is 0.
-std::string view_change(double last, double first);
+// `last` minus `first` at `decimals` places ("+20", "-0.2", "0"); -1 gives
+// the shortest text of the difference.
+std::string view_change(double last, double first, int decimals);
 // The change as a percentage of `first` ("+0.03%"); empty when `first` is 0.
 std::string view_change_percent(double last, double first);
 // Whether `inst` carries a last price: 0 until the first trade, but a spread
 // may trade at 0 once volume exists.
 bool view_has_last(const instrument& inst);
+// Whether `inst` is a spread, whose price may be 0 or negative.
+bool view_is_spread(const instrument& inst);
+// Which levels of one side the ladder shows when it hides the local levels
+// out of order: every exchange level, and a local level only when it and the
+// level shown above it hold a price and its price is strictly worse (lower
+// for bids, higher for asks).
+std::array<bool, QUVO_BOOK_LEVELS> view_levels_in_order(const instrument& inst, bool bid);
 
 // Announcements per slot over a sliding one-second window of ten buckets.
 class CUpdateRate {
@@ -100,6 +106,11 @@ public:
     // Selects the row shown with identifier `id`; false when there is none.
     bool SelectId(const std::string& id);
 
+    // Whether the ladder leaves out the local levels out of order
+    // (view_levels_in_order); off at start.
+    void SetHideOutOfOrder(bool hide) { m_hideOutOfOrder = hide; }
+    bool HidesOutOfOrder() const { return m_hideOutOfOrder; }
+
     // The ladder shows the selected instrument; false when there is none.
     bool OpenLadder();
     void CloseLadder() { m_inLadder = false; }
@@ -108,8 +119,10 @@ public:
     static std::string ListHeading();
     // The rows of the current page, the selected one styled Selected.
     std::vector<view_line> ListLines(int64_t nowMs) const;
-    // Header, statistics and ten levels a side of the selected instrument;
-    // the statistics take three columns, fewer when `width` (0: any) is short.
+    // Header, statistics and ten levels a side of the selected instrument,
+    // and a count of the levels hidden when HidesOutOfOrder(); the statistics
+    // take three columns, fewer when `width` (0: any) is short. Prices of
+    // one instrument share one count of decimals.
     std::vector<view_line> LadderLines(int64_t nowMs, int width = 0) const;
 
 private:
@@ -118,10 +131,17 @@ private:
         instrument inst;
         bool hasBaseline;
         double baseline;
+        // The most decimals its prices have needed, so that a column keeps
+        // its width while the prices shown happen to need fewer.
+        int decimals;
     };
 
     // SHFE by instrument number, then INE by instrument number.
     static uint32_t _Order(uint32_t slot);
+    static void _SetBaseline(view_row& row, double baseline);
+    static int _Decimals(const view_row& row);
+    static std::string _Change(const view_row& row, int decimals);
+    static std::string _ChangePercent(const view_row& row);
     bool _Matches(const instrument& inst) const;
     void _Rebuild();
     int _SelectedIndex() const;
@@ -138,6 +158,7 @@ private:
     int m_pageRows = 1;
     bool m_inLadder = false;
     bool m_chosen = false;
+    bool m_hideOutOfOrder = false;
 };
 
 enum class EFeedState {

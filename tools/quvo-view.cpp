@@ -25,10 +25,12 @@ constexpr const char* kUsage =
     "  -h, --help  print this text and exit\n"
     "\n"
     "The list shows, per instrument: last price, its change since the viewer first saw\n"
-    "a price (absolute and in percent), volume, best bid and ask with their volumes, and\n"
-    "how many updates the update ring announced in the last second.\n"
+    "a price (absolute and in percent; no percent for spreads, whose price may be zero or\n"
+    "negative), volume, best bid and ask with their volumes, and how many updates the\n"
+    "update ring announced in the last second. Prices have the decimals their tick\n"
+    "needs, as far as the prices seen show it.\n"
     "The ladder shows ten levels a side: the exchange publishes five, levels 6 to 10\n"
-    "(marked local) are kept by the feed. Empty levels are left blank.\n"
+    "(marked local) are kept by the feed and may be stale. Empty levels are left blank.\n"
     "\n"
     "Keys, list:   Up/Down, PgUp/PgDn, Home/End  move\n"
     "              /     search: type an identifier prefix (any case) to show only the\n"
@@ -37,6 +39,9 @@ constexpr const char* kUsage =
     "              Enter open the ladder of the selected instrument\n"
     "              q     quit\n"
     "Keys, ladder: Up/Down  previous or next instrument\n"
+    "              l     local levels: all, or in order only, hiding a bid level not\n"
+    "                    strictly below the level shown above it, an ask level not\n"
+    "                    strictly above it, and empty ones (the bottom line shows which)\n"
     "              Esc, Backspace or Left  back to the list;  q  quit\n"
     "\n"
     "Once attached, quvo-view does not exit when the feed stops: the status line then\n"
@@ -117,6 +122,8 @@ private:
         } else if (m_model.InLadder()) {
             if (key == kEscape || key == KEY_LEFT || is_back_key(key)) {
                 m_model.CloseLadder();
+            } else if (key == 'l' || key == 'L') {
+                m_model.SetHideOutOfOrder(!m_model.HidesOutOfOrder());
             }
         } else if (key == KEY_PPAGE) {
             m_model.PageUp();
@@ -226,7 +233,8 @@ private:
             return " search: " + m_model.Filter() + "_   Enter keep  Esc clear  Backspace delete";
         }
         if (m_model.InLadder()) {
-            return " Esc/Backspace back to list  Up/Down previous/next instrument  q quit";
+            return std::string(" Esc back to list  Up/Down previous/next  l local levels: ") +
+                   (m_model.HidesOutOfOrder() ? "in order" : "all") + "  q quit";
         }
         const std::string keys =
             " Up/Down PgUp/PgDn Home/End move  / search  Enter ladder  Esc clear search  q quit";

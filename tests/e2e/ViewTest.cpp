@@ -7,6 +7,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -21,6 +23,7 @@
 #include "tests/support/Records.h"
 #include "tests/support/ShmSandbox.h"
 #include "tests/support/TempDir.h"
+#include "tools/DumpFormat.h"
 
 namespace {
 
@@ -52,11 +55,27 @@ std::string trim(const std::string& text) {
     return text.substr(first, text.find_last_not_of(' ') - first + 1);
 }
 
-// How the viewer writes a price: as quvo-dump's table does.
-std::string shown(double value) {
+// A price as the exchange wrote it: fifteen significant digits drop the
+// binary noise of tick arithmetic.
+std::string shortest(double value) {
     char text[64];
     snprintf(text, sizeof(text), "%.15g", value);
     return text;
+}
+
+std::string fixed(double value, int decimals) {
+    char text[64];
+    snprintf(text, sizeof(text), "%.*f", decimals, value);
+    return text;
+}
+
+int decimals_in(const std::string& text) {
+    const size_t point = text.find('.');
+    return point == std::string::npos ? 0 : static_cast<int>(text.size() - point - 1);
+}
+
+bool is_spread(const std::string& id) {
+    return id.find('-') != std::string::npos;
 }
 
 // One line of quvo-dump --json.
@@ -93,14 +112,53 @@ struct dump_record {
         return values;
     }
     bool HasLast() const { return Number("last_px") != 0 || Number("volume") != 0; }
-    // Price and volume of a level as the viewer shows them, blank when empty.
-    std::pair<std::string, std::string> Level(const char* side, int k) const {
+    // Price at `decimals` places and volume of a level, blank when empty.
+    std::pair<std::string, std::string> Level(const char* side, int k, int decimals) const {
         const double px = Array(std::string(side) + "_px")[static_cast<size_t>(k)];
         const double vol = Array(std::string(side) + "_vol")[static_cast<size_t>(k)];
         if (px == 0 && vol == 0) {
             return {"", ""};
         }
-        return {shown(px), shown(vol)};
+        return {fixed(px, decimals), shortest(vol)};
+    }
+    // The decimals the tick of the instrument needs, as far as its prices show.
+    int Decimals() const {
+        std::vector<double> prices = {Number("last_px"), Number("highest_price"), Number("lowest_price")};
+        for (const char* side : {"bid_px", "ask_px"}) {
+            const std::vector<double> levels = Array(side);
+            prices.insert(prices.end(), levels.begin(), levels.end());
+        }
+        int most = 0;
+        for (double price : prices) {
+            most = std::max(most, decimals_in(shortest(price)));
+        }
+        return most;
+    }
+    // Per level of one side, whether it is shown with the local levels out of
+    // order hidden: a local level needs a price strictly worse than the
+    // nearest level shown above it, and neither may be empty.
+    std::vector<bool> InOrder(const char* side) const {
+        const bool bid = std::string(side) == "bid";
+        const std::vector<double> px = Array(std::string(side) + "_px");
+        const std::vector<double> vol = Array(std::string(side) + "_vol");
+        std::vector<bool> shown(10, true);
+        size_t above = 4;
+        for (size_t k = 5; k < 10; ++k) {
+            const bool empty = px[k] == 0 && vol[k] == 0;
+            const bool aboveEmpty = px[above] == 0 && vol[above] == 0;
+            shown[k] = !empty && !aboveEmpty && (bid ? px[k] < px[above] : px[k] > px[above]);
+            above = shown[k] ? k : above;
+        }
+        return shown;
+    }
+    // Local levels holding a price that InOrder() hides.
+    int HiddenLevels(const char* side) const {
+        const std::vector<bool> shown = InOrder(side);
+        int hidden = 0;
+        for (int k = 5; k < 10; ++k) {
+            hidden += !shown[static_cast<size_t>(k)] && !Level(side, k, 0).first.empty() ? 1 : 0;
+        }
+        return hidden;
     }
 };
 
@@ -144,13 +202,28 @@ list_row parse_row(const std::string& line, const std::string& heading) {
 }
 
 // What the list row of `record` must show, change columns and rate aside.
-std::string book_mismatch(const list_row& row, const dump_record& record) {
-    const auto [bid, bidVol] = record.Level("bid", 0);
-    const auto [ask, askVol] = record.Level("ask", 0);
+// Its prices share one count of decimals: the one the book needs, or with
+// `atLeast`, one the viewer kept from earlier books of the instrument.
+std::string book_mismatch(const list_row& row, const dump_record& record, bool atLeast) {
+    const int needed = record.Decimals();
+    int decimals = needed;
+    for (int column : {kLast, kBid, kAsk}) {
+        if (static_cast<size_t>(column) < row.cells.size() &&
+            !row.cells[static_cast<size_t>(column)].empty()) {
+            decimals = decimals_in(row.cells[static_cast<size_t>(column)]);
+            break;
+        }
+    }
+    if (decimals != needed && !(atLeast && decimals > needed && decimals <= kMaxPriceDecimals)) {
+        return record.id + ": prices at " + std::to_string(decimals) + " decimals, the book needs " +
+               std::to_string(needed);
+    }
+    const auto [bid, bidVol] = record.Level("bid", 0, decimals);
+    const auto [ask, askVol] = record.Level("ask", 0, decimals);
     const std::vector<std::pair<int, std::string>> expected = {
         {kId, record.id},
         {kExch, record.exchange},
-        {kLast, record.HasLast() ? shown(record.Number("last_px")) : ""},
+        {kLast, record.HasLast() ? fixed(record.Number("last_px"), decimals) : ""},
         {kVolume, record.Raw("volume")},
         {kBid, bid},
         {kBidVol, bidVol},
@@ -331,7 +404,7 @@ protected:
     // "" when the list shows `books` from `first` on, as many as fit.
     static std::string ListMismatch(const std::vector<std::string>& screen,
                                     const std::vector<dump_record>& books, size_t first = 0,
-                                    size_t columns = kRate + 1) {
+                                    size_t columns = kRate + 1, bool seenEarlierBooks = false) {
         const std::vector<list_row> rows = Rows(screen);
         const size_t expected = std::min(books.size() - first, screen.size() - 3);
         if (rows.size() != expected) {
@@ -343,7 +416,7 @@ protected:
                 return "the list shows " + std::to_string(rows[i].cells.size()) + " columns, expected " +
                        std::to_string(columns);
             }
-            const std::string mismatch = book_mismatch(rows[i], books[first + i]);
+            const std::string mismatch = book_mismatch(rows[i], books[first + i], seenEarlierBooks);
             if (!mismatch.empty()) {
                 return mismatch;
             }
@@ -355,6 +428,69 @@ protected:
         return !screen.empty() && screen[0].find(text) != std::string::npos
                    ? ""
                    : "the status line lacks '" + text + "'";
+    }
+
+    // The value after `label` among the ladder's statistics, "" when absent.
+    static std::string Statistic(const std::vector<std::string>& ladder, const std::string& label) {
+        const std::regex pattern("(^|  )" + label + " +([^ ]+)");
+        for (const std::string& line : ladder) {
+            std::smatch match;
+            if (std::regex_search(line, match, pattern)) {
+                return match[2];
+            }
+        }
+        return "";
+    }
+
+    // "" when the ladder on `screen` shows the ten levels of `book`, with the
+    // local levels out of order left blank when `hidden`.
+    static std::string LadderMismatch(const std::vector<std::string>& screen, const dump_record& book,
+                                      bool hidden) {
+        size_t levelsAt = 0;
+        for (size_t y = 0; y < screen.size(); ++y) {
+            if (!words(screen[y]).empty() && words(screen[y])[0] == "level") {
+                levelsAt = y + 1;
+            }
+        }
+        if (levelsAt == 0 || levelsAt + 10 > screen.size()) {
+            return "no ten levels on screen";
+        }
+        const int decimals = book.Decimals();
+        const std::vector<bool> bidShown = hidden ? book.InOrder("bid") : std::vector<bool>(10, true);
+        const std::vector<bool> askShown = hidden ? book.InOrder("ask") : std::vector<bool>(10, true);
+        for (int k = 0; k < 10; ++k) {
+            const std::string& line = screen[levelsAt + static_cast<size_t>(k)];
+            // The terminal drops the blanks that end a line.
+            const size_t bar = line.find(" |");
+            if (bar == std::string::npos) {
+                return "no bar in " + line;
+            }
+            const std::vector<std::string> left = words(line.substr(0, bar));
+            const std::vector<std::string> right = words(line.substr(bar + 2));
+            const auto [bidPx, bidVol] = bidShown[static_cast<size_t>(k)]
+                                             ? book.Level("bid", k, decimals)
+                                             : std::pair<std::string, std::string>();
+            const auto [askPx, askVol] = askShown[static_cast<size_t>(k)]
+                                             ? book.Level("ask", k, decimals)
+                                             : std::pair<std::string, std::string>();
+            std::vector<std::string> expectLeft = {std::to_string(k + 1)};
+            if (!bidPx.empty()) {
+                expectLeft.insert(expectLeft.end(), {bidVol, bidPx});
+            }
+            std::vector<std::string> expectRight;
+            if (!askPx.empty()) {
+                expectRight = {askPx, askVol};
+            }
+            if (k < 5) {
+                expectRight.push_back("exchange");
+            } else if (!hidden || !bidPx.empty() || !askPx.empty()) {
+                expectRight.push_back("local");
+            }
+            if (left != expectLeft || right != expectRight) {
+                return "level " + std::to_string(k + 1) + " reads '" + line + "'";
+            }
+        }
+        return "";
     }
 
     CShmSandbox m_shm;
@@ -382,7 +518,8 @@ TEST_F(ViewE2E, ListShowsEveryInstrumentInUseWithItsBook) {
     for (size_t i = 0; i < rows.size(); ++i) {
         EXPECT_EQ(rows[i].selected, i == 0);
         EXPECT_EQ(rows[i].cells[kChange], books[i].HasLast() ? "0" : "") << books[i].id;
-        EXPECT_EQ(rows[i].cells[kChangePct], books[i].HasLast() ? "+0.00%" : "") << books[i].id;
+        EXPECT_EQ(rows[i].cells[kChangePct], books[i].HasLast() && !is_spread(books[i].id) ? "+0.00%" : "")
+            << books[i].id;
         EXPECT_EQ(rows[i].cells[kRate], "0") << books[i].id;
     }
 
@@ -413,6 +550,31 @@ TEST_F(ViewE2E, ListShowsEveryInstrumentInUseWithItsBook) {
         }
         return std::string();
     });
+
+    // A spread that traded, in the first row a search shows: its change, but
+    // no percent of a price that may be 0 or negative.
+    const dump_record* spread = nullptr;
+    for (const dump_record& record : books) {
+        if (is_spread(record.id) && record.HasLast()) {
+            spread = &record;
+            break;
+        }
+    }
+    ASSERT_NE(spread, nullptr) << "no spread traded";
+    Keys({"/"});
+    Type(spread->id);
+    Keys({"Enter"});
+    WaitScreen([&](const std::vector<std::string>& s) {
+        const std::vector<list_row> r = Rows(s);
+        if (r.empty() || r[0].cells[kId] != spread->id) {
+            return "the search does not show " + spread->id + " first";
+        }
+        if (r[0].cells[kChange] != "0" || !r[0].cells[kChangePct].empty()) {
+            return spread->id + " shows change '" + r[0].cells[kChange] + "' and '" + r[0].cells[kChangePct] +
+                   "'";
+        }
+        return book_mismatch(r[0], *spread, false);
+    });
 }
 
 TEST_F(ViewE2E, SearchFindsAnInstrumentWhoseLadderShowsItsBook) {
@@ -422,7 +584,7 @@ TEST_F(ViewE2E, SearchFindsAnInstrumentWhoseLadderShowsItsBook) {
     const dump_record* target = nullptr;
     for (const dump_record& record : books) {
         if (record.exchange == "INE" &&
-            (record.Level("ask", 5).first != "" || record.Level("bid", 5).first != "")) {
+            (record.Level("ask", 5, 0).first != "" || record.Level("bid", 5, 0).first != "")) {
             target = &record;
             break;
         }
@@ -489,58 +651,34 @@ TEST_F(ViewE2E, SearchFindsAnInstrumentWhoseLadderShowsItsBook) {
     for (const std::string& line : ladder) {
         all += line + "\n";
     }
+    const int decimals = book.Decimals();
     const std::vector<std::pair<std::string, std::string>> stats = {
-        {"last", shown(book.Number("last_px"))},
+        {"last", fixed(book.Number("last_px"), decimals)},
         {"volume", book.Raw("volume")},
-        {"open interest", shown(book.Number("open_interest"))},
-        {"turnover", shown(book.Number("turnover"))},
-        {"highest", shown(book.Number("highest_price"))},
-        {"lowest", shown(book.Number("lowest_price"))},
+        {"highest", fixed(book.Number("highest_price"), decimals)},
+        {"lowest", fixed(book.Number("lowest_price"), decimals)},
         {"change_no", book.Raw("change_no")},
         {"type", book.Raw("type")},
         {"bid total volume", book.Raw("bid_totvol")},
-        {"ask total volume", book.Raw("ask_totvol")},
-        {"bid total amount", shown(book.Number("bid_totamount"))},
-        {"ask total amount", shown(book.Number("ask_totamount"))}};
+        {"ask total volume", book.Raw("ask_totvol")}};
     for (const auto& [label, value] : stats) {
-        EXPECT_TRUE(std::regex_search(
-            all, std::regex("(^|  )" + label + " +" + std::regex_replace(value, std::regex("[.+]"), "\\$&") +
-                            "( |\n)")))
-            << label << " " << value << "\n"
-            << all;
+        EXPECT_EQ(Statistic(ladder, label), value) << label << "\n" << all;
     }
-    size_t levelsAt = 0;
-    for (size_t y = 0; y < ladder.size(); ++y) {
-        if (words(ladder[y]).size() > 0 && words(ladder[y])[0] == "level") {
-            levelsAt = y + 1;
-        }
+    // Amounts at their own precision: the text reads back as the amount.
+    for (const char* key : {"open_interest", "turnover", "bid_totamount", "ask_totamount"}) {
+        const std::string label = key == std::string("open_interest")   ? "open interest"
+                                  : key == std::string("turnover")      ? "turnover"
+                                  : key == std::string("bid_totamount") ? "bid total amount"
+                                                                        : "ask total amount";
+        const std::string text = Statistic(ladder, label);
+        const double value = book.Number(key);
+        EXPECT_EQ(text.find_first_of("eE"), std::string::npos) << label << " " << text;
+        EXPECT_NEAR(strtod(text.c_str(), nullptr), value, 1e-9 * std::max(1.0, std::fabs(value)))
+            << label << " " << text;
     }
-    ASSERT_GT(levelsAt, 0u) << all;
-    ASSERT_LE(levelsAt + 10, ladder.size());
-    bool sawLocalLevel = false;
-    for (int k = 0; k < 10; ++k) {
-        const std::string& line = ladder[levelsAt + static_cast<size_t>(k)];
-        const size_t bar = line.find(" | ");
-        ASSERT_NE(bar, std::string::npos) << line;
-        const std::vector<std::string> left = words(line.substr(0, bar));
-        const std::vector<std::string> right = words(line.substr(bar + 3));
-        const auto [bidPx, bidVol] = book.Level("bid", k);
-        const auto [askPx, askVol] = book.Level("ask", k);
-        std::vector<std::string> expectLeft = {std::to_string(k + 1)};
-        if (!bidPx.empty()) {
-            expectLeft.insert(expectLeft.end(), {bidVol, bidPx});
-        }
-        std::vector<std::string> expectRight;
-        if (!askPx.empty()) {
-            expectRight = {askPx, askVol};
-        }
-        expectRight.push_back(k < 5 ? "exchange" : "local");
-        EXPECT_EQ(left, expectLeft) << line;
-        EXPECT_EQ(right, expectRight) << line;
-        sawLocalLevel = sawLocalLevel || (k >= 5 && (!bidPx.empty() || !askPx.empty()));
-    }
-    EXPECT_TRUE(sawLocalLevel);
-    EXPECT_NE(ladder.back().find("Esc/Backspace back to list"), std::string::npos) << ladder.back();
+    EXPECT_EQ(LadderMismatch(ladder, book, false), "") << all;
+    EXPECT_NE(ladder.back().find("Esc back to list"), std::string::npos) << ladder.back();
+    EXPECT_NE(ladder.back().find("l local levels: all"), std::string::npos) << ladder.back();
 
     // Esc goes back to the filtered list; Esc again clears the filter.
     size_t sharingId = 0;
@@ -561,6 +699,67 @@ TEST_F(ViewE2E, SearchFindsAnInstrumentWhoseLadderShowsItsBook) {
         return Rows(s).size() == s.size() - 3 && s[0].find(" shown") == std::string::npos
                    ? ""
                    : "the filter was not cleared";
+    });
+}
+
+TEST_F(ViewE2E, LadderKeyHidesTheLocalLevelsOutOfOrder) {
+    StartFeed(2);
+    const std::vector<dump_record> books = SettledBooks();
+    // A future (first in a search for its identifier) with a local level out of order.
+    const dump_record* target = nullptr;
+    for (const dump_record& record : books) {
+        if (record.id.size() == 6 && record.HiddenLevels("bid") + record.HiddenLevels("ask") > 0) {
+            target = &record;
+            break;
+        }
+    }
+    ASSERT_NE(target, nullptr) << "no book with a local level out of order";
+    const dump_record book = *target;
+    StartView();
+    WaitScreen([&](const std::vector<std::string>& s) { return ListMismatch(s, books); });
+    Keys({"/"});
+    Type(book.id);
+    Keys({"Enter"});
+    WaitScreen([&](const std::vector<std::string>& s) {
+        const std::vector<list_row> rows = Rows(s);
+        return !rows.empty() && rows[0].cells[kId] == book.id && rows[0].selected
+                   ? ""
+                   : "the search did not select " + book.id;
+    });
+    Keys({"Enter"});
+    WaitScreen([&](const std::vector<std::string>& s) {
+        if (s.size() < 2 || s[1].find(" " + book.id + "  ") != 0) {
+            return "no ladder of " + book.id;
+        }
+        return LadderMismatch(s, book, false);
+    });
+
+    Keys({"l"});
+    const std::string count =
+        "local levels out of order hidden: " + std::to_string(book.HiddenLevels("bid")) + " bid, " +
+        std::to_string(book.HiddenLevels("ask")) + " ask";
+    WaitScreen([&](const std::vector<std::string>& s) {
+        if (s.back().find("l local levels: in order") == std::string::npos) {
+            return std::string("the footer does not say the local levels are in order");
+        }
+        bool counted = false;
+        for (const std::string& line : s) {
+            counted = counted || trim(line) == count;
+        }
+        return counted ? LadderMismatch(s, book, true) : "no line '" + count + "'";
+    });
+
+    Keys({"l"});
+    WaitScreen([&](const std::vector<std::string>& s) {
+        if (s.back().find("l local levels: all") == std::string::npos) {
+            return std::string("the footer does not say every local level is shown");
+        }
+        for (const std::string& line : s) {
+            if (line.find("out of order hidden") != std::string::npos) {
+                return "still '" + line + "'";
+            }
+        }
+        return LadderMismatch(s, book, false);
     });
 }
 
@@ -617,7 +816,8 @@ TEST_F(ViewE2E, FollowsTheFeedThroughStopsAndRestarts) {
     });
     const std::vector<dump_record> second = SettledBooks();
     ASSERT_NE(first[0].line, second[0].line);
-    WaitScreen([&](const std::vector<std::string>& s) { return ListMismatch(s, second); });
+    WaitScreen(
+        [&](const std::vector<std::string>& s) { return ListMismatch(s, second, 0, kRate + 1, true); });
 
     // Stopped, segments removed, and a new run that creates them anew.
     StopFeed();
@@ -626,7 +826,7 @@ TEST_F(ViewE2E, FollowsTheFeedThroughStopsAndRestarts) {
     StartFeed(6);
     const std::vector<dump_record> third = SettledBooks();
     WaitScreen([&](const std::vector<std::string>& s) {
-        const std::string mismatch = ListMismatch(s, third);
+        const std::string mismatch = ListMismatch(s, third, 0, kRate + 1, true);
         return mismatch.empty() ? StatusHas(s, "quvo-md") : mismatch;
     });
 }
@@ -636,7 +836,7 @@ TEST_F(ViewE2E, WaitsForTheFeedWhenAskedTo) {
     WaitScreen([&](const std::vector<std::string>& s) { return StatusHas(s, "waiting for quvo-md"); });
     StartFeed(7);
     const std::vector<dump_record> books = SettledBooks();
-    WaitScreen([&](const std::vector<std::string>& s) { return ListMismatch(s, books); });
+    WaitScreen([&](const std::vector<std::string>& s) { return ListMismatch(s, books, 0, kRate + 1, true); });
 }
 
 TEST_F(ViewE2E, SleepsWhileThereIsNothingToDo) {
@@ -685,7 +885,8 @@ TEST(ViewUsage, HelpNamesTheKeysAndTheWaitingBehaviour) {
     EXPECT_EQ(run_program({QUVO_VIEW_PATH, "--help"}, dir.Path(), output, kTimeoutSeconds), 0);
     const std::string help = read_file(output);
     EXPECT_EQ(help.rfind("Usage: quvo-view", 0), 0u) << help;
-    for (const char* text : {"--wait", "QUVO_KEY_DIR", "Enter", "Esc", "PgUp/PgDn", "waiting for quvo-md"}) {
+    for (const char* text : {"--wait", "QUVO_KEY_DIR", "Enter", "Esc", "PgUp/PgDn", "waiting for quvo-md",
+                             "l     local levels"}) {
         EXPECT_NE(help.find(text), std::string::npos) << text;
     }
     EXPECT_EQ(run_program({QUVO_VIEW_PATH, "--colour"}, dir.Path(), output, kTimeoutSeconds), 2);

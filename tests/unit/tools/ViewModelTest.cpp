@@ -4,6 +4,7 @@
 #include <sys/ipc.h>
 #include <sys/shm.h>
 
+#include <array>
 #include <cstring>
 #include <regex>
 #include <sstream>
@@ -37,19 +38,75 @@ std::vector<std::string> listed_ids(const CViewModel& model) {
     return ids;
 }
 
-TEST(ViewFormatTest, ChangeKeepsTheDecimalsOfThePrices) {
-    EXPECT_EQ(view_change(69040, 69020), "+20");
-    EXPECT_EQ(view_change(576.3, 576.1), "+0.2");
-    EXPECT_EQ(view_change(576.1, 576.3), "-0.2");
-    EXPECT_EQ(view_change(586.7, 586.74), "-0.04");
-    EXPECT_EQ(view_change(100, 100), "0");
-    EXPECT_EQ(view_change(-8.8, -9), "+0.2");
-    EXPECT_EQ(view_change(5, 0), "");
+TEST(ViewFormatTest, ChangeHasTheDecimalsGiven) {
+    EXPECT_EQ(view_change(69040, 69020, 0), "+20");
+    EXPECT_EQ(view_change(576.3, 576.1, 1), "+0.2");
+    EXPECT_EQ(view_change(576.1, 576.3, 1), "-0.2");
+    EXPECT_EQ(view_change(586.7, 586.74, 2), "-0.04");
+    EXPECT_EQ(view_change(586.7, 586.74, 3), "-0.040");
+    EXPECT_EQ(view_change(100, 100, 0), "0");
+    EXPECT_EQ(view_change(576.2, 576.2 - 1e-12, 1), "0");
+    EXPECT_EQ(view_change(-8.8, -9, 1), "+0.2");
+    EXPECT_EQ(view_change(5, 0, 0), "+5");  // a spread's first price may be 0
+    EXPECT_EQ(view_change(0.3, 0.1, -1), "+0.19999999999999998");
     EXPECT_EQ(view_change_percent(101, 100), "+1.00%");
     EXPECT_EQ(view_change_percent(-8.8, -9), "+2.22%");
     EXPECT_EQ(view_change_percent(5, 0), "");
-    EXPECT_EQ(view_number(576.1), "576.1");
-    EXPECT_EQ(view_number(444370000.5), "444370000.5");
+}
+
+TEST(ViewFormatTest, SpreadsAreNamedAfterTheirLegs) {
+    EXPECT_TRUE(view_is_spread(named("cu2501-cu2601")));
+    EXPECT_TRUE(view_is_spread(named("sc2501-sc2503")));
+    EXPECT_FALSE(view_is_spread(named("cu2501")));
+    EXPECT_FALSE(view_is_spread(named("cu2501C72000")));
+    EXPECT_FALSE(view_is_spread(named("cu2501TAS")));
+    instrument full{};
+    memcpy(full.inst_id, "abcdefghijklmno-", 16);  // no terminating NUL
+    EXPECT_TRUE(view_is_spread(full));
+    memcpy(full.inst_id, "abcdefghijklmnop", 16);
+    EXPECT_FALSE(view_is_spread(full));
+}
+
+// Levels 1 to 10 of one side; a price of 0 with volume 0 is an empty level.
+void set_side(instrument& inst, bool bid, const std::vector<double>& prices,
+              const std::vector<int32_t>& volumes) {
+    for (size_t k = 0; k < prices.size(); ++k) {
+        (bid ? inst.bid_px : inst.ask_px)[k] = prices[k];
+        (bid ? inst.bid_vol : inst.ask_vol)[k] = volumes[k];
+    }
+}
+
+// "11111 01010": levels 1 to 10, shown or not.
+std::array<bool, QUVO_BOOK_LEVELS> flags(const std::string& pattern) {
+    std::array<bool, QUVO_BOOK_LEVELS> shown{};
+    size_t k = 0;
+    for (char c : pattern) {
+        if (c != ' ' && k < shown.size()) {
+            shown[k++] = c == '1';
+        }
+    }
+    return shown;
+}
+
+TEST(ViewFormatTest, LocalLevelsInOrderAreStrictlyWorseThanTheLevelShownAboveThem) {
+    instrument inst{};
+    // bids: 6 equals 5; 7 below 5; 8 above 7; 9 below 7; 10 empty
+    set_side(inst, true, {100, 99, 98, 97, 96, 96, 95, 95.5, 94, 0}, {1, 1, 1, 1, 1, 1, 1, 1, 1, 0});
+    EXPECT_EQ(view_levels_in_order(inst, true), flags("11111 01010"));
+    // asks: 6 better than 5; 7 above 5; 8 empty; 9 and 10 above 7
+    set_side(inst, false, {101, 102, 103, 104, 105, 104, 106, 0, 107, 108}, {1, 1, 1, 1, 1, 1, 1, 0, 1, 1});
+    EXPECT_EQ(view_levels_in_order(inst, false), flags("11111 01011"));
+    // Exchange levels are shown as published, even out of order or empty.
+    set_side(inst, false, {101, 101, 0, 0, 0, 102, 103, 0, 0, 0}, {1, 1, 0, 0, 0, 1, 1, 0, 0, 0});
+    EXPECT_EQ(view_levels_in_order(inst, false), flags("11111 00000"));
+    // Nothing is strictly worse than an empty level 5.
+    set_side(inst, true, {100, 99, 98, 97, 0, 96, 95, 94, 93, 92}, {1, 1, 1, 1, 0, 1, 1, 1, 1, 1});
+    EXPECT_EQ(view_levels_in_order(inst, true), flags("11111 00000"));
+    // Spreads: a price of 0 with volume is a level, prices may be negative.
+    set_side(inst, false, {-5, -4, -3, -2, -1, 0, 0, 1, 1, 0.5}, {1, 1, 1, 1, 1, 2, 0, 1, 1, 1});
+    EXPECT_EQ(view_levels_in_order(inst, false), flags("11111 10100"));
+    set_side(inst, true, {2, 1, 0, -1, -2, -3, -3, -4, -2, -5}, {1, 1, 5, 1, 1, 1, 1, 1, 1, 1});
+    EXPECT_EQ(view_levels_in_order(inst, true), flags("11111 10101"));
 }
 
 TEST(ViewFormatTest, LastPriceNeedsATradeOrAPrice) {
@@ -324,6 +381,189 @@ TEST(ViewModelTest, LadderShowsStatisticsAndTenLevelsMarkingTheLocalOnes) {
     EXPECT_EQ(model.LadderLines(kStart, 30).size(), lines.size() + 9);  // one a line
     model.CloseLadder();
     EXPECT_FALSE(model.InLadder());
+}
+
+// The text of a list line under the right-aligned column `label`.
+std::string list_cell(const std::string& line, const std::string& label, size_t width) {
+    const size_t end = CViewModel::ListHeading().find(" " + label) + 1 + label.size();
+    const std::string cell = line.substr(end - width, width);
+    const std::vector<std::string> w = words(cell);
+    return w.empty() ? "" : w[0];
+}
+
+TEST(ViewModelTest, SpreadsShowTheirChangeButNoPercent) {
+    CViewModel model;
+    model.SetPageRows(10);
+    instrument future = named("cu2502", 10);
+    instrument spread = named("cu2501-cu2601", -10);
+    instrument atZero = named("al2501-al2502");
+    atZero.volume = 3;  // traded at 0
+    model.Update(0, future);
+    model.Update(1, spread);
+    model.Update(2, atZero);
+    future.last_px = 20;
+    spread.last_px = -20;
+    atZero.last_px = 5;
+    model.Update(0, future);
+    model.Update(1, spread);
+    model.Update(2, atZero);
+    const std::vector<view_line> lines = model.ListLines(kStart);
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(list_cell(lines[0].text, "CHANGE", 10), "+10");
+    EXPECT_EQ(list_cell(lines[0].text, "CHG%", 8), "+100.00%");
+    EXPECT_EQ(list_cell(lines[1].text, "LAST", 12), "-20");
+    EXPECT_EQ(list_cell(lines[1].text, "CHANGE", 10), "-10");
+    EXPECT_EQ(list_cell(lines[1].text, "CHG%", 8), "");
+    EXPECT_EQ(list_cell(lines[2].text, "CHANGE", 10), "+5");
+    EXPECT_EQ(list_cell(lines[2].text, "CHG%", 8), "");
+
+    ASSERT_TRUE(model.SelectId("cu2501-cu2601"));
+    ASSERT_TRUE(model.OpenLadder());
+    EXPECT_EQ(words(model.LadderLines(kStart)[2].text),
+              (std::vector<std::string>{"last", "-20", "change", "-10", "volume", "1"}));
+    ASSERT_TRUE(model.SelectId("cu2502"));
+    EXPECT_EQ(words(model.LadderLines(kStart)[2].text),
+              (std::vector<std::string>{"last", "20", "change", "+10", "(+100.00%)", "volume", "1"}));
+}
+
+// sc2501 at a tick of 0.1: a few of its prices are whole.
+instrument crude_record() {
+    instrument inst{};
+    set_id(inst, "sc2501");
+    inst.last_px = 576.2;
+    inst.volume = 30;
+    inst.turnover = 17286000.5;
+    inst.open_interest = 120;
+    inst.bid_totamount = 57600.25;
+    inst.ask_totamount = 1000;
+    inst.highest_price = 580.5;
+    inst.lowest_price = 570.0;
+    for (int k = 0; k < 5; ++k) {
+        inst.bid_px[k] = 576.0 - 0.1 * k;
+        inst.bid_vol[k] = 10 + k;
+        inst.ask_px[k] = 576.2 + 0.1 * k;
+        inst.ask_vol[k] = 5 + k;
+    }
+    return inst;
+}
+
+// The level lines of a ladder: the ten after the heading that starts "level".
+std::vector<std::string> level_lines(const std::vector<view_line>& lines) {
+    std::vector<std::string> levels;
+    for (size_t i = 0; i < lines.size(); ++i) {
+        if (!words(lines[i].text).empty() && words(lines[i].text)[0] == "level") {
+            for (size_t k = i + 1; k < lines.size() && k <= i + QUVO_BOOK_LEVELS; ++k) {
+                levels.push_back(lines[k].text);
+            }
+        }
+    }
+    return levels;
+}
+
+TEST(ViewModelTest, PricesHaveTheDecimalsOfTheInstrumentsTick) {
+    CViewModel model;
+    model.SetPageRows(10);
+    instrument inst = crude_record();
+    model.Update(quvo_ine_slot(0), inst);
+    EXPECT_EQ(words(model.ListLines(kStart)[0].text),
+              (std::vector<std::string>{">", "sc2501", "INE", "576.2", "0", "+0.00%", "30", "576.0", "10",
+                                        "576.2", "5", "0"}));
+    ASSERT_TRUE(model.OpenLadder());
+    std::vector<view_line> lines = model.LadderLines(kStart);
+    std::string all;
+    for (const view_line& line : lines) {
+        all += line.text + "\n";
+    }
+    for (const char* stat :
+         {"last  *576.2 ", "highest  *580.5 ", "lowest  *570.0 ", "turnover  *17286000.5 ",
+          "open interest  *120 ", "bid total amount  *57600.25 ", "ask total amount  *1000\n"}) {
+        EXPECT_TRUE(std::regex_search(all, std::regex(stat))) << stat << "\n" << all;
+    }
+    std::vector<std::string> levels = level_lines(lines);
+    ASSERT_EQ(levels.size(), 10u);
+    EXPECT_EQ(words(levels[0]),
+              (std::vector<std::string>{"1", "10", "576.0", "|", "576.2", "5", "exchange"}));
+    EXPECT_EQ(words(levels[4]),
+              (std::vector<std::string>{"5", "14", "575.6", "|", "576.6", "9", "exchange"}));
+    // One count of decimals: the points of a column line up.
+    for (size_t k = 1; k < 5; ++k) {
+        EXPECT_EQ(levels[k].find('.'), levels[0].find('.')) << levels[k];
+        EXPECT_EQ(levels[k].rfind('.'), levels[0].rfind('.')) << levels[k];
+    }
+
+    inst.last_px = 576.4;
+    model.Update(quvo_ine_slot(0), inst);
+    EXPECT_EQ(list_cell(model.ListLines(kStart)[0].text, "CHANGE", 10), "+0.2");
+
+    // Whole prices for a while: the columns keep their decimals.
+    inst.last_px = 577;
+    inst.highest_price = 580;
+    inst.lowest_price = 570;
+    for (int k = 0; k < 5; ++k) {
+        inst.bid_px[k] = 576 - k;
+        inst.ask_px[k] = 577 + k;
+    }
+    model.Update(quvo_ine_slot(0), inst);
+    EXPECT_EQ(words(model.ListLines(kStart)[0].text),
+              (std::vector<std::string>{">", "sc2501", "INE", "577.0", "+0.8", "+0.14%", "30", "576.0", "10",
+                                        "577.0", "5", "0"}));
+    levels = level_lines(model.LadderLines(kStart));
+    ASSERT_EQ(levels.size(), 10u);
+    EXPECT_EQ(words(levels[4]),
+              (std::vector<std::string>{"5", "14", "572.0", "|", "581.0", "9", "exchange"}));
+
+    // Another instrument in the slot starts afresh.
+    model.Update(quvo_ine_slot(0), copper_record());
+    EXPECT_EQ(list_cell(model.ListLines(kStart)[0].text, "LAST", 12), "72010");
+}
+
+TEST(ViewModelTest, LadderCanHideTheLocalLevelsOutOfOrder) {
+    CViewModel model;
+    model.SetPageRows(10);
+    instrument inst = copper_record();
+    // bid 6 below 5, 7 equal to 5, 8 below 6; ask 6 better than 5, 7 above 5
+    inst.bid_px[6] = 71960.0;
+    inst.bid_vol[6] = 3;
+    inst.bid_px[7] = 71940.0;
+    inst.bid_vol[7] = 1;
+    inst.ask_px[5] = 72040.0;
+    inst.ask_vol[5] = 4;
+    inst.ask_px[6] = 72060.0;
+    inst.ask_vol[6] = 1;
+    model.Update(0, inst);
+    ASSERT_TRUE(model.OpenLadder());
+    EXPECT_FALSE(model.HidesOutOfOrder());
+    const std::vector<view_line> every = model.LadderLines(kStart);
+    std::vector<std::string> levels = level_lines(every);
+    ASSERT_EQ(levels.size(), 10u);
+    EXPECT_EQ(words(levels[5]), (std::vector<std::string>{"6", "2", "71950", "|", "72040", "4", "local"}));
+    EXPECT_EQ(words(levels[6]), (std::vector<std::string>{"7", "3", "71960", "|", "72060", "1", "local"}));
+    EXPECT_EQ(words(levels[8]), (std::vector<std::string>{"9", "|", "local"}));
+
+    model.SetHideOutOfOrder(true);
+    EXPECT_TRUE(model.HidesOutOfOrder());
+    const std::vector<view_line> lines = model.LadderLines(kStart);
+    levels = level_lines(lines);
+    ASSERT_EQ(levels.size(), 10u);
+    EXPECT_EQ(words(levels[4]),
+              (std::vector<std::string>{"5", "14", "71960", "|", "72050", "9", "exchange"}));
+    EXPECT_EQ(words(levels[5]), (std::vector<std::string>{"6", "2", "71950", "|", "local"}));
+    EXPECT_EQ(words(levels[6]), (std::vector<std::string>{"7", "|", "72060", "1", "local"}));
+    EXPECT_EQ(words(levels[7]), (std::vector<std::string>{"8", "1", "71940", "|", "local"}));
+    EXPECT_EQ(words(levels[8]), (std::vector<std::string>{"9", "|"}));
+    EXPECT_EQ(words(levels[9]), (std::vector<std::string>{"10", "|"}));
+    // The hidden cells stay blank in their columns.
+    EXPECT_EQ(levels[6].find(" | "), levels[5].find(" | "));
+    EXPECT_EQ(levels[6].find("72060"), every[every.size() - 10 + 6].text.find("72060"));
+    EXPECT_EQ(lines.back().text, "  local levels out of order hidden: 1 bid, 1 ask");
+    const size_t first = lines.size() - 12;
+    for (size_t k = 5; k < 10; ++k) {
+        EXPECT_EQ(lines[first + k].style, EViewStyle::Local) << lines[first + k].text;
+    }
+
+    model.SetHideOutOfOrder(false);
+    EXPECT_EQ(level_lines(model.LadderLines(kStart)), level_lines(every));
+    EXPECT_EQ(model.LadderLines(kStart).size(), every.size());
 }
 
 // Segments made as the feed makes them; the test plays the feed.
