@@ -9,6 +9,9 @@ add_library(quvo::pcap UNKNOWN IMPORTED)
 set_target_properties(quvo::pcap PROPERTIES IMPORTED_LOCATION ${PCAP_LIBRARY}
                                             INTERFACE_INCLUDE_DIRECTORIES ${PCAP_INCLUDE_DIR})
 
+# JSON: the expected-state file, quvo-dump --json and --check.
+find_package(nlohmann_json 3 REQUIRED)
+
 # libexanic is installed by the card's software, usually under /usr/local.
 # Given its source (QUVO_EXANIC_SRC), a copy is built and installed into
 # this build tree instead; the source folder is never written to.

@@ -1,68 +1,27 @@
 #include "sim/SimState.h"
 
 #include <fcntl.h>
-#include <locale.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <charconv>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <limits>
+#include <nlohmann/json.hpp>
 #include <string_view>
+#include <type_traits>
+#include <unordered_map>
 #include <utility>
+#include <vector>
 
 namespace {
 
-// A JSON number needs '.' whatever locale the program has chosen, and printf
-// and strtod follow LC_NUMERIC.
-class CCNumericScope {
-public:
-    CCNumericScope() : m_previous(uselocale(c_locale())) {}
-    ~CCNumericScope() { uselocale(m_previous); }
-    CCNumericScope(const CCNumericScope&) = delete;
-    CCNumericScope& operator=(const CCNumericScope&) = delete;
-
-private:
-    static locale_t c_locale() {
-        static const locale_t locale = newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(0));
-        return locale;
-    }
-
-    locale_t m_previous;
-};
-
-void append_string(std::string& out, std::string_view text) {
-    out += '"';
-    for (const char ch : text) {
-        const auto byte = static_cast<unsigned char>(ch);
-        if (ch == '"' || ch == '\\') {
-            out += '\\';
-            out += ch;
-        } else if (byte < 0x20 || byte == 0x7f) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\u%04X", byte);
-            out += escaped;
-        } else {
-            out += ch;
-        }
-    }
-    out += '"';
-}
-
-// Seventeen significant digits give back the same double through strtod.
-void append_double(std::string& out, double value) {
-    if (!std::isfinite(value)) {
-        out += "null";
-        return;
-    }
-    char text[32];
-    std::snprintf(text, sizeof text, "%.17g", value);
-    out += text;
-}
+using json = nlohmann::json;
+using ordered_json = nlohmann::ordered_json;
 
 template <typename Instrument, typename Visitor>
 bool for_each_field(Instrument& inst, Visitor& visit) {
@@ -85,74 +44,101 @@ bool for_each_count(State& state, Visitor& visit) {
            visit("snapshots", state.snapshots);
 }
 
+std::string dump(const ordered_json& value) {
+    return value.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
+}
+
+// Whole numbers go out as integers, "72000" rather than "72000.0", while a
+// double holds them exactly; negative zero stays a double so that it keeps
+// its sign.
+ordered_json json_number(double value) {
+    constexpr double kExactIntegers = 9007199254740992.0;  // 2^53
+    if (value == std::trunc(value) && std::fabs(value) <= kExactIntegers &&
+        !(value == 0 && std::signbit(value))) {
+        return static_cast<int64_t>(value);
+    }
+    return value;
+}
+
 class CFieldWriter {
 public:
-    explicit CFieldWriter(std::string& out) : m_out(out) {}
+    explicit CFieldWriter(ordered_json& object) : m_object(object) {}
 
     bool operator()(const char* key, ESimExchange value) {
-        Key(key);
-        append_string(m_out, sim_exchange_name(value));
+        m_object[key] = sim_exchange_name(value);
         return true;
     }
     bool operator()(const char* key, ESimKind value) {
-        Key(key);
-        append_string(m_out, sim_kind_name(value));
+        m_object[key] = sim_kind_name(value);
         return true;
     }
     bool operator()(const char* key, const std::string& value) {
-        Key(key);
-        append_string(m_out, value);
+        m_object[key] = value;
         return true;
     }
-    bool operator()(const char* key, int32_t value) { return Integer(key, value); }
-    bool operator()(const char* key, uint32_t value) { return Integer(key, value); }
-    bool operator()(const char* key, uint64_t value) { return Integer(key, value); }
     bool operator()(const char* key, double value) {
-        Key(key);
-        append_double(m_out, value);
+        m_object[key] = json_number(value);
+        return true;
+    }
+    template <typename T>
+    requires std::is_integral_v<T>
+    bool operator()(const char* key, T value) {
+        m_object[key] = value;
         return true;
     }
     bool operator()(const char* key, const double (&values)[kSimPublishedLevels]) {
-        Key(key);
-        m_out += '[';
-        for (int level = 0; level < kSimPublishedLevels; ++level) {
-            m_out += level == 0 ? "" : ", ";
-            append_double(m_out, values[level]);
+        ordered_json& array = m_object[key] = ordered_json::array();
+        for (const double value : values) {
+            array.push_back(json_number(value));
         }
-        m_out += ']';
         return true;
     }
     bool operator()(const char* key, const int32_t (&values)[kSimPublishedLevels]) {
-        Key(key);
-        m_out += '[';
-        for (int level = 0; level < kSimPublishedLevels; ++level) {
-            m_out += level == 0 ? "" : ", ";
-            m_out += std::to_string(values[level]);
-        }
-        m_out += ']';
+        m_object[key] = values;
         return true;
     }
 
 private:
-    void Key(const char* key) {
-        if (!m_first) {
-            m_out += ", ";
-        }
-        m_first = false;
-        append_string(m_out, key);
-        m_out += ": ";
-    }
-
-    template <typename T>
-    bool Integer(const char* key, T value) {
-        Key(key);
-        m_out += std::to_string(value);
-        return true;
-    }
-
-    std::string& m_out;
-    bool m_first = true;
+    ordered_json& m_object;
 };
+
+// The library's dump() has no one-line form with spaces after ',' and ':',
+// which keeps a line per instrument readable; every key and value is still
+// rendered by the library.
+void append_value(std::string& out, const ordered_json& value);
+
+void append_members(std::string& out, const ordered_json& object) {
+    for (auto member = object.begin(); member != object.end(); ++member) {
+        out += member == object.begin() ? "" : ", ";
+        out += dump(member.key());
+        out += ": ";
+        append_value(out, member.value());
+    }
+}
+
+void append_value(std::string& out, const ordered_json& value) {
+    if (value.is_object()) {
+        out += '{';
+        append_members(out, value);
+        out += '}';
+    } else if (value.is_array()) {
+        out += '[';
+        for (size_t index = 0; index < value.size(); ++index) {
+            out += index == 0 ? "" : ", ";
+            append_value(out, value[index]);
+        }
+        out += ']';
+    } else {
+        out += dump(value);
+    }
+}
+
+ordered_json fields_of(const SimInstrumentState& inst) {
+    ordered_json fields = ordered_json::object();
+    CFieldWriter writer(fields);
+    for_each_field(inst, writer);
+    return fields;
+}
 
 // Stops at the first double JSON cannot hold and names it.
 class CNonFiniteFinder {
@@ -189,403 +175,282 @@ private:
     double m_value = 0;
 };
 
-enum class EJsonType { NUL, BOOL, NUMBER, STRING, ARRAY, OBJECT };
+bool is_utf8(const std::string& text) {
+    try {
+        (void)json(text).dump();
+        return true;
+    } catch (const json::type_error&) {
+        return false;
+    }
+}
 
-struct JsonMember;
+// What a state holds that JSON cannot, or "" when it holds nothing of the kind.
+std::string unwritable(const SimState& state) {
+    for (size_t index = 0; index < state.instruments.size(); ++index) {
+        const SimInstrumentState& inst = state.instruments[index];
+        const std::string which = "instrument " + std::to_string(index) + " (" + dump(inst.id) + "): ";
+        CNonFiniteFinder finder;
+        if (!for_each_field(inst, finder)) {
+            return which + "\"" + finder.Field() + "\" is " +
+                   (std::isnan(finder.Value()) ? "nan" : "infinite") + ", which JSON cannot hold";
+        }
+        if (!is_utf8(inst.id)) {
+            return which + "\"id\" is not UTF-8, which JSON cannot hold";
+        }
+    }
+    return "";
+}
 
-struct JsonValue {
-    EJsonType type = EJsonType::NUL;
-    int line = 0;
-    bool boolean = false;
-    std::string text;  // a string's contents, or a number as written
-    std::vector<JsonValue> items;
-    std::vector<JsonMember> members;
-};
+// The line of the byte at `offset`; past the end, the last line.
+int line_at(std::string_view text, size_t offset) {
+    const auto end = text.begin() + static_cast<long>(std::min(offset, text.size()));
+    return 1 + static_cast<int>(std::count(text.begin(), end, '\n'));
+}
 
-struct JsonMember {
-    std::string key;
-    JsonValue value;
-};
-
-class CJsonParser {
+// The parser reads the text through CCountingIterator, a byte at a time, and
+// this keeps the line of the last byte read: when an event reaches the
+// handler, the line its value starts on. A number ends only when the byte
+// after it is read; that byte may be a newline, which counts to the line it
+// ends.
+class CLineCounter {
 public:
-    explicit CJsonParser(std::string_view text) : m_text(text) {}
+    void Read(char byte) {
+        m_line += m_afterNewline ? 1 : 0;
+        m_afterNewline = byte == '\n';
+    }
+    int Line() const { return m_line; }
 
-    bool Parse(JsonValue& root) {
-        SkipSpace();
-        if (!ParseValue(root, 0)) {
-            return false;
+private:
+    int m_line = 1;
+    bool m_afterNewline = false;
+};
+
+class CCountingIterator {
+public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = char;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const char*;
+    using reference = const char&;
+
+    CCountingIterator(const char* at, CLineCounter& lines) : m_at(at), m_lines(&lines) {}
+
+    reference operator*() const {
+        m_lines->Read(*m_at);
+        return *m_at;
+    }
+    CCountingIterator& operator++() {
+        ++m_at;
+        return *this;
+    }
+    CCountingIterator operator++(int) {
+        CCountingIterator before = *this;
+        ++m_at;
+        return before;
+    }
+    bool operator==(const CCountingIterator& other) const { return m_at == other.m_at; }
+
+private:
+    const char* m_at;
+    CLineCounter* m_lines;
+};
+
+struct SourceNote {
+    int line = 0;
+    std::string written;  // a number with a fraction or exponent, as written
+};
+
+// Builds the document the library's own parser would, and notes the line
+// each value starts on, by its JSON pointer. Unlike that parser it refuses a
+// repeated key, of which the last would silently win, and keeps hostile
+// nesting from growing the document.
+class CDocumentBuilder : public nlohmann::json_sax<json> {
+public:
+    CDocumentBuilder(std::string_view text, const CLineCounter& lines) : m_text(text), m_lines(lines) {}
+
+    bool null() override { return Add(nullptr); }
+    bool boolean(bool value) override { return Add(value); }
+    bool number_integer(number_integer_t value) override { return Add(value); }
+    bool number_unsigned(number_unsigned_t value) override { return Add(value); }
+    bool number_float(number_float_t value, const string_t& written) override { return Add(value, written); }
+    bool string(string_t& value) override { return Add(std::move(value)); }
+    bool binary(binary_t&) override { return false; }  // never in JSON text
+    bool start_object(std::size_t) override { return Open(json::object(), '{'); }
+    bool start_array(std::size_t) override { return Open(json::array(), '['); }
+    bool end_object() override { return Close(); }
+    bool end_array() override { return Close(); }
+
+    bool key(string_t& key) override {
+        if (m_open.back().value->contains(key)) {
+            return Fail(m_lines.Line(), "duplicate key " + dump(key));
         }
-        SkipSpace();
-        if (!AtEnd()) {
-            return Fail("expected the end of the input after the top-level value");
-        }
+        m_key = std::move(key);
         return true;
     }
 
+    // `position` counts the bytes read, the one that failed included (one
+    // past the text at its end).
+    bool parse_error(std::size_t position, const std::string&, const json::exception& error) override {
+        std::string message = library_message(error);
+        // A cut-off file reads as one whatever the library saw last.
+        if (position > m_text.size() && message.find("end of input") == std::string::npos) {
+            message = "unexpected end of input: " + message;
+        }
+        return Fail(line_at(m_text, position == 0 ? 0 : position - 1), message);
+    }
+
+    const json& Root() const { return m_root; }
     int ErrorLine() const { return m_errorLine; }
     const std::string& Error() const { return m_error; }
 
+    // The note of the value at `pointer` ("" for the top level, else e.g.
+    // "/instruments/3/bid_px"); every value the document holds has one.
+    const SourceNote& Note(const std::string& pointer) const {
+        static const SourceNote s_none;
+        const auto found = m_notes.find(pointer);
+        return found == m_notes.end() ? s_none : found->second;
+    }
+
 private:
-    // Far deeper than the expected-state shape; keeps hostile input off the stack.
-    static constexpr int kMaxDepth = 64;
+    // Far deeper than the expected-state shape.
+    static constexpr size_t kMaxDepth = 64;
 
-    bool AtEnd() const { return m_pos >= m_text.size(); }
-    bool Next(char ch) const { return !AtEnd() && m_text[m_pos] == ch; }
-    bool NextIsDigit() const { return !AtEnd() && m_text[m_pos] >= '0' && m_text[m_pos] <= '9'; }
+    struct OpenValue {
+        json* value;
+        json::json_pointer pointer;
+    };
 
-    bool Consume(char ch) {
-        if (!Next(ch)) {
-            return false;
+    // "[json.exception.parse_error.101] parse error at line 2, column 1: syntax
+    // error ..." without the library's tag and position: the caller gives
+    // the file and the line.
+    static std::string library_message(const json::exception& error) {
+        std::string text = error.what();
+        const size_t tagEnd = text.find("] ");
+        if (text.rfind("[json.exception.", 0) == 0 && tagEnd != std::string::npos) {
+            text.erase(0, tagEnd + 2);
         }
-        ++m_pos;
-        return true;
+        const size_t positionEnd = text.find(": ");
+        if (text.rfind("parse error", 0) == 0 && positionEnd != std::string::npos) {
+            text.erase(0, positionEnd + 2);
+        }
+        return text;
     }
 
-    void SkipSpace() {
-        while (!AtEnd()) {
-            const char ch = m_text[m_pos];
-            if (ch == '\n') {
-                ++m_line;
-            } else if (ch != ' ' && ch != '\t' && ch != '\r') {
-                return;
-            }
-            ++m_pos;
-        }
-    }
-
-    bool Fail(const std::string& expected) {
-        m_errorLine = m_line;
-        if (AtEnd()) {
-            m_error = "unexpected end of input: " + expected;
-            return false;
-        }
-        const auto byte = static_cast<unsigned char>(m_text[m_pos]);
-        char found[16];
-        if (byte > 0x20 && byte < 0x7f) {
-            std::snprintf(found, sizeof found, "'%c'", byte);
-        } else {
-            std::snprintf(found, sizeof found, "byte 0x%02X", byte);
-        }
-        m_error = expected + ", found " + found;
+    bool Fail(int line, const std::string& what) {
+        m_errorLine = line;
+        m_error = what;
         return false;
     }
 
-    bool ParseValue(JsonValue& out, int depth) {
-        if (depth > kMaxDepth) {
-            return Fail("values nested no deeper than " + std::to_string(kMaxDepth) + " levels");
+    json::json_pointer ChildPointer() const {
+        if (m_open.empty()) {
+            return json::json_pointer();
         }
-        out.line = m_line;
-        if (AtEnd()) {
-            return Fail("expected a JSON value");
-        }
-        switch (m_text[m_pos]) {
-            case '{':
-                return ParseObject(out, depth);
-            case '[':
-                return ParseArray(out, depth);
-            case '"':
-                out.type = EJsonType::STRING;
-                return ParseString(out.text);
-            case 't':
-                out.type = EJsonType::BOOL;
-                out.boolean = true;
-                return ParseWord("true");
-            case 'f':
-                out.type = EJsonType::BOOL;
-                return ParseWord("false");
-            case 'n':
-                out.type = EJsonType::NUL;
-                return ParseWord("null");
-            default:
-                if (Next('-') || NextIsDigit()) {
-                    return ParseNumber(out);
-                }
-                return Fail("expected a JSON value");
-        }
+        const OpenValue& parent = m_open.back();
+        return parent.value->is_array() ? parent.pointer / parent.value->size() : parent.pointer / m_key;
     }
 
-    bool ParseObject(JsonValue& out, int depth) {
-        out.type = EJsonType::OBJECT;
-        ++m_pos;
-        SkipSpace();
-        if (Consume('}')) {
-            return true;
+    json* Insert(json&& value) {
+        if (m_open.empty()) {
+            m_root = std::move(value);
+            return &m_root;
         }
-        for (;;) {
-            SkipSpace();
-            if (!Next('"')) {
-                return Fail("expected a string key");
-            }
-            std::string key;
-            if (!ParseString(key)) {
-                return false;
-            }
-            for (const auto& member : out.members) {
-                if (member.key == key) {
-                    std::string quoted;
-                    append_string(quoted, key);
-                    m_errorLine = m_line;
-                    m_error = "duplicate key " + quoted;
-                    return false;
-                }
-            }
-            SkipSpace();
-            if (!Consume(':')) {
-                return Fail("expected ':' after a key");
-            }
-            SkipSpace();
-            JsonValue value;
-            if (!ParseValue(value, depth + 1)) {
-                return false;
-            }
-            out.members.push_back({std::move(key), std::move(value)});
-            SkipSpace();
-            if (Consume('}')) {
-                return true;
-            }
-            if (!Consume(',')) {
-                return Fail("expected ',' or '}'");
-            }
+        json& parent = *m_open.back().value;
+        if (parent.is_array()) {
+            parent.push_back(std::move(value));
+            return &parent.back();
         }
+        return &(parent[m_key] = std::move(value));
     }
 
-    bool ParseArray(JsonValue& out, int depth) {
-        out.type = EJsonType::ARRAY;
-        ++m_pos;
-        SkipSpace();
-        if (Consume(']')) {
-            return true;
-        }
-        for (;;) {
-            SkipSpace();
-            JsonValue item;
-            if (!ParseValue(item, depth + 1)) {
-                return false;
-            }
-            out.items.push_back(std::move(item));
-            SkipSpace();
-            if (Consume(']')) {
-                return true;
-            }
-            if (!Consume(',')) {
-                return Fail("expected ',' or ']'");
-            }
-        }
-    }
-
-    bool ParseWord(std::string_view word) {
-        for (const char ch : word) {
-            if (!Consume(ch)) {
-                return Fail(AtEnd() ? "expected '" + std::string(word) + "'" : "expected a JSON value");
-            }
-        }
+    bool Add(json&& value, const std::string& written = "") {
+        m_notes[ChildPointer().to_string()] = SourceNote{m_lines.Line(), written};
+        Insert(std::move(value));
         return true;
     }
 
-    bool ParseNumber(JsonValue& out) {
-        const size_t start = m_pos;
-        Consume('-');
-        if (!Consume('0')) {
-            if (!NextIsDigit()) {
-                return Fail("expected a digit");
-            }
-            SkipDigits();
+    bool Open(json&& value, char bracket) {
+        if (m_open.size() > kMaxDepth) {
+            return Fail(m_lines.Line(), "values nested no deeper than " + std::to_string(kMaxDepth) +
+                                            " levels, found '" + bracket + "'");
         }
-        if (Consume('.')) {
-            if (!NextIsDigit()) {
-                return Fail("expected a digit after '.'");
-            }
-            SkipDigits();
-        }
-        if (Consume('e') || Consume('E')) {
-            if (!Consume('+')) {
-                Consume('-');
-            }
-            if (!NextIsDigit()) {
-                return Fail("expected a digit in the exponent");
-            }
-            SkipDigits();
-        }
-        out.type = EJsonType::NUMBER;
-        out.text = std::string(m_text.substr(start, m_pos - start));
+        json::json_pointer pointer = ChildPointer();
+        m_notes[pointer.to_string()] = SourceNote{m_lines.Line(), ""};
+        m_open.push_back({Insert(std::move(value)), std::move(pointer)});
         return true;
     }
 
-    void SkipDigits() {
-        while (NextIsDigit()) {
-            ++m_pos;
-        }
-    }
-
-    bool ParseHex4(uint32_t& code) {
-        code = 0;
-        for (int digit = 0; digit < 4; ++digit) {
-            if (AtEnd()) {
-                return Fail("expected four hex digits after \\u");
-            }
-            const char ch = m_text[m_pos];
-            uint32_t value = 0;
-            if (ch >= '0' && ch <= '9') {
-                value = ch - '0';
-            } else if (ch >= 'a' && ch <= 'f') {
-                value = ch - 'a' + 10;
-            } else if (ch >= 'A' && ch <= 'F') {
-                value = ch - 'A' + 10;
-            } else {
-                return Fail("expected four hex digits after \\u");
-            }
-            code = code * 16 + value;
-            ++m_pos;
-        }
+    bool Close() {
+        m_open.pop_back();
         return true;
-    }
-
-    bool ParseUnicodeEscape(std::string& out) {
-        uint32_t code = 0;
-        if (!ParseHex4(code)) {
-            return false;
-        }
-        if (code >= 0xDC00 && code <= 0xDFFF) {
-            return Fail("expected a high surrogate before a low surrogate");
-        }
-        if (code >= 0xD800 && code <= 0xDBFF) {
-            if (!Consume('\\') || !Consume('u')) {
-                return Fail("expected a \\u low surrogate after a high surrogate");
-            }
-            uint32_t low = 0;
-            if (!ParseHex4(low)) {
-                return false;
-            }
-            if (low < 0xDC00 || low > 0xDFFF) {
-                return Fail("expected a low surrogate after a high surrogate");
-            }
-            code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
-        }
-        if (code < 0x80) {
-            out += static_cast<char>(code);
-        } else if (code < 0x800) {
-            out += static_cast<char>(0xC0 | (code >> 6));
-            out += static_cast<char>(0x80 | (code & 0x3F));
-        } else if (code < 0x10000) {
-            out += static_cast<char>(0xE0 | (code >> 12));
-            out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (code & 0x3F));
-        } else {
-            out += static_cast<char>(0xF0 | (code >> 18));
-            out += static_cast<char>(0x80 | ((code >> 12) & 0x3F));
-            out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (code & 0x3F));
-        }
-        return true;
-    }
-
-    bool ParseString(std::string& out) {
-        ++m_pos;
-        for (;;) {
-            if (AtEnd()) {
-                return Fail("expected '\"' closing the string");
-            }
-            const char ch = m_text[m_pos];
-            if (ch == '"') {
-                ++m_pos;
-                return true;
-            }
-            if (static_cast<unsigned char>(ch) < 0x20) {
-                return Fail("expected a control character in a string to be escaped");
-            }
-            if (ch != '\\') {
-                out += ch;
-                ++m_pos;
-                continue;
-            }
-            ++m_pos;
-            if (AtEnd()) {
-                return Fail("expected an escape after '\\'");
-            }
-            const char escape = m_text[m_pos];
-            switch (escape) {
-                case '"':
-                case '\\':
-                case '/':
-                    out += escape;
-                    break;
-                case 'b':
-                    out += '\b';
-                    break;
-                case 'f':
-                    out += '\f';
-                    break;
-                case 'n':
-                    out += '\n';
-                    break;
-                case 'r':
-                    out += '\r';
-                    break;
-                case 't':
-                    out += '\t';
-                    break;
-                case 'u':
-                    ++m_pos;
-                    if (!ParseUnicodeEscape(out)) {
-                        return false;
-                    }
-                    continue;
-                default:
-                    return Fail("expected one of \\\" \\\\ \\/ \\b \\f \\n \\r \\t \\u after '\\'");
-            }
-            ++m_pos;
-        }
     }
 
     std::string_view m_text;
-    size_t m_pos = 0;
-    int m_line = 1;
+    const CLineCounter& m_lines;
+    json m_root;
+    std::vector<OpenValue> m_open;
+    std::string m_key;
+    std::unordered_map<std::string, SourceNote> m_notes;
     int m_errorLine = 0;
     std::string m_error;
 };
 
-std::string describe(const JsonValue& value) {
-    switch (value.type) {
-        case EJsonType::NUL:
+std::string describe(const json& value, const SourceNote& note) {
+    switch (value.type()) {
+        case json::value_t::null:
             return "null";
-        case EJsonType::BOOL:
-            return value.boolean ? "true" : "false";
-        case EJsonType::NUMBER:
-            return value.text.size() <= 40 ? value.text : value.text.substr(0, 40) + "...";
-        case EJsonType::STRING:
+        case json::value_t::boolean:
+            return value.get<bool>() ? "true" : "false";
+        case json::value_t::number_integer:
+        case json::value_t::number_unsigned:
+        case json::value_t::number_float: {
+            const std::string text = note.written.empty() ? value.dump() : note.written;
+            return text.size() <= 40 ? text : text.substr(0, 40) + "...";
+        }
+        case json::value_t::string:
             return "a string";
-        case EJsonType::ARRAY:
+        case json::value_t::array:
             return "an array";
-        case EJsonType::OBJECT:
+        case json::value_t::object:
             return "an object";
+        default:
+            return "?";
     }
-    return "?";
 }
 
 std::string quote(const char* key) {
     return std::string("\"") + key + "\"";
 }
 
-// Integers are read from the digits as written, never through a double.
+// Integers are taken as the parser read them, never through a double.
 template <typename T>
-bool integer_from(const JsonValue& value, T& out) {
-    if (value.type != EJsonType::NUMBER || value.text.find_first_of(".eE") != std::string::npos) {
-        return false;
+bool integer_from(const json& value, T& out) {
+    if (value.is_number_unsigned()) {
+        const auto number = value.get<json::number_unsigned_t>();
+        if (!std::in_range<T>(number)) {
+            return false;
+        }
+        out = static_cast<T>(number);
+        return true;
     }
-    const char* first = value.text.data();
-    const char* last = first + value.text.size();
-    const auto [end, status] = std::from_chars(first, last, out);
-    return status == std::errc() && end == last;
+    if (value.is_number_integer()) {
+        const auto number = value.get<json::number_integer_t>();
+        if (!std::in_range<T>(number)) {
+            return false;
+        }
+        out = static_cast<T>(number);
+        return true;
+    }
+    return false;
 }
 
-bool double_from(const JsonValue& value, double& out) {
-    if (value.type != EJsonType::NUMBER) {
+// The parser refuses a number too large for a double, so every one is finite.
+bool double_from(const json& value, double& out) {
+    if (!value.is_number()) {
         return false;
     }
-    char* end = nullptr;
-    out = std::strtod(value.text.c_str(), &end);
-    return end == value.text.c_str() + value.text.size() && std::isfinite(out);
+    out = value.get<double>();
+    return std::isfinite(out);
 }
 
 template <typename T>
@@ -596,102 +461,107 @@ std::string integer_range() {
 
 class CObjectReader {
 public:
-    CObjectReader(const std::string& source, const JsonValue& object, std::string context, std::string& error)
-        : m_source(source), m_object(object), m_context(std::move(context)), m_error(error) {}
+    CObjectReader(const std::string& source, const CDocumentBuilder& document, const json& object,
+                  std::string pointer, std::string context, std::string& error)
+        : m_source(source),
+          m_document(document),
+          m_object(object),
+          m_pointer(std::move(pointer)),
+          m_context(std::move(context)),
+          m_error(error) {}
 
     bool operator()(const char* key, int32_t& value) { return Integer(key, value); }
     bool operator()(const char* key, uint32_t& value) { return Integer(key, value); }
     bool operator()(const char* key, uint64_t& value) { return Integer(key, value); }
 
     bool operator()(const char* key, double& value) {
-        const JsonValue* found = Find(key);
+        const json* found = Find(key);
         if (found == nullptr) {
             return false;
         }
         if (!double_from(*found, value)) {
-            return Fail(found->line, quote(key) + " must be a finite number, not " + describe(*found));
+            return FailAt(key, quote(key) + " must be a finite number, not " + Describe(key, *found));
         }
         return true;
     }
 
     bool operator()(const char* key, std::string& value) {
-        const JsonValue* found = Find(key);
+        const json* found = Find(key);
         if (found == nullptr) {
             return false;
         }
-        if (found->type != EJsonType::STRING) {
-            return Fail(found->line, quote(key) + " must be a string, not " + describe(*found));
+        if (!found->is_string()) {
+            return FailAt(key, quote(key) + " must be a string, not " + Describe(key, *found));
         }
-        value = found->text;
+        value = found->get<std::string>();
         return true;
     }
 
     bool operator()(const char* key, ESimExchange& value) {
-        const JsonValue* found = Find(key);
+        const json* found = Find(key);
         if (found == nullptr) {
             return false;
         }
-        if (found->type != EJsonType::STRING || !sim_parse_exchange(found->text, value)) {
-            return Fail(found->line, quote(key) + " must be \"SHFE\" or \"INE\"");
+        if (!found->is_string() || !sim_parse_exchange(found->get<std::string>(), value)) {
+            return FailAt(key, quote(key) + " must be \"SHFE\" or \"INE\"");
         }
         return true;
     }
 
     bool operator()(const char* key, ESimKind& value) {
-        const JsonValue* found = Find(key);
+        const json* found = Find(key);
         if (found == nullptr) {
             return false;
         }
-        if (found->type != EJsonType::STRING || !sim_parse_kind(found->text, value)) {
-            return Fail(found->line,
-                        quote(key) + " must be one of \"future\", \"option\", \"tas\", \"spread\"");
+        if (!found->is_string() || !sim_parse_kind(found->get<std::string>(), value)) {
+            return FailAt(key, quote(key) + " must be one of \"future\", \"option\", \"tas\", \"spread\"");
         }
         return true;
     }
 
     bool operator()(const char* key, double (&values)[kSimPublishedLevels]) {
-        const JsonValue* found = Find(key);
+        const json* found = Find(key);
         if (found == nullptr) {
             return false;
         }
-        bool good = found->type == EJsonType::ARRAY && found->items.size() == kSimPublishedLevels;
+        bool good = found->is_array() && found->size() == kSimPublishedLevels;
         for (int level = 0; good && level < kSimPublishedLevels; ++level) {
-            good = double_from(found->items[level], values[level]);
+            good = double_from((*found)[level], values[level]);
         }
         if (!good) {
-            return Fail(found->line, quote(key) + " must be an array of " +
-                                         std::to_string(kSimPublishedLevels) + " numbers");
+            return FailAt(
+                key, quote(key) + " must be an array of " + std::to_string(kSimPublishedLevels) + " numbers");
         }
         return true;
     }
 
     bool operator()(const char* key, int32_t (&values)[kSimPublishedLevels]) {
-        const JsonValue* found = Find(key);
+        const json* found = Find(key);
         if (found == nullptr) {
             return false;
         }
-        bool good = found->type == EJsonType::ARRAY && found->items.size() == kSimPublishedLevels;
+        bool good = found->is_array() && found->size() == kSimPublishedLevels;
         for (int level = 0; good && level < kSimPublishedLevels; ++level) {
-            good = integer_from(found->items[level], values[level]);
+            good = integer_from((*found)[level], values[level]);
         }
         if (!good) {
-            return Fail(found->line, quote(key) + " must be an array of " +
-                                         std::to_string(kSimPublishedLevels) + " integers " +
-                                         integer_range<int32_t>());
+            return FailAt(key, quote(key) + " must be an array of " + std::to_string(kSimPublishedLevels) +
+                                   " integers " + integer_range<int32_t>());
         }
         return true;
     }
 
     // Looks up a required key; a missing one is an error.
-    const JsonValue* Find(const char* key) {
-        for (const auto& member : m_object.members) {
-            if (member.key == key) {
-                return &member.value;
-            }
+    const json* Find(const char* key) {
+        const auto found = m_object.find(key);
+        if (found == m_object.end()) {
+            Fail(m_document.Note(m_pointer).line, "missing " + quote(key));
+            return nullptr;
         }
-        Fail(m_object.line, "missing " + quote(key));
-        return nullptr;
+        return &*found;
     }
+
+    std::string Pointer(const char* key) const { return m_pointer + "/" + key; }
 
     bool Fail(int line, const std::string& what) {
         m_error = m_source + ":" + std::to_string(line) + ": " + m_context + what;
@@ -699,55 +569,80 @@ public:
     }
 
 private:
+    bool FailAt(const char* key, const std::string& what) {
+        return Fail(m_document.Note(Pointer(key)).line, what);
+    }
+
+    std::string Describe(const char* key, const json& value) const {
+        return describe(value, m_document.Note(Pointer(key)));
+    }
+
     template <typename T>
     bool Integer(const char* key, T& value) {
-        const JsonValue* found = Find(key);
+        const json* found = Find(key);
         if (found == nullptr) {
             return false;
         }
         if (!integer_from(*found, value)) {
-            return Fail(found->line, quote(key) + " must be an integer " + integer_range<T>() + ", not " +
-                                         describe(*found));
+            return FailAt(key, quote(key) + " must be an integer " + integer_range<T>() + ", not " +
+                                   Describe(key, *found));
         }
         return true;
     }
 
     const std::string& m_source;
-    const JsonValue& m_object;
+    const CDocumentBuilder& m_document;
+    const json& m_object;
+    std::string m_pointer;
     std::string m_context;
     std::string& m_error;
 };
 
 bool parse_state(const std::string& text, const std::string& source, SimState& state, std::string& error) {
-    const CCNumericScope numeric;
-    JsonValue root;
-    CJsonParser parser(text);
-    if (!parser.Parse(root)) {
-        error = source + ":" + std::to_string(parser.ErrorLine()) + ": " + parser.Error();
+    // The library's lexer takes a NUL byte for the end of the input and would
+    // ignore whatever follows it.
+    const size_t nul = text.find('\0');
+    if (nul != std::string::npos) {
+        error =
+            source + ":" + std::to_string(line_at(text, nul)) + ": a NUL byte, which JSON text cannot hold";
         return false;
     }
-    CObjectReader top(source, root, "", error);
-    if (root.type != EJsonType::OBJECT) {
-        return top.Fail(root.line, "the top level must be an object, not " + describe(root));
+    CLineCounter lines;
+    CDocumentBuilder document(text, lines);
+    const char* begin = text.data();
+    if (!json::sax_parse(CCountingIterator(begin, lines), CCountingIterator(begin + text.size(), lines),
+                         &document)) {
+        error = source + ":" + std::to_string(document.ErrorLine()) + ": " + document.Error();
+        return false;
+    }
+    const json& root = document.Root();
+    CObjectReader top(source, document, root, "", "", error);
+    if (!root.is_object()) {
+        return top.Fail(document.Note("").line,
+                        "the top level must be an object, not " + describe(root, document.Note("")));
     }
     SimState read;
     if (!for_each_count(read, top)) {
         return false;
     }
-    const JsonValue* instruments = top.Find("instruments");
+    const json* instruments = top.Find("instruments");
     if (instruments == nullptr) {
         return false;
     }
-    if (instruments->type != EJsonType::ARRAY) {
-        return top.Fail(instruments->line,
-                        "\"instruments\" must be an array of objects, not " + describe(*instruments));
+    const SourceNote& listNote = document.Note("/instruments");
+    if (!instruments->is_array()) {
+        return top.Fail(listNote.line, "\"instruments\" must be an array of objects, not " +
+                                           describe(*instruments, listNote));
     }
-    read.instruments.resize(instruments->items.size());
-    for (size_t index = 0; index < instruments->items.size(); ++index) {
-        const JsonValue& item = instruments->items[index];
-        CObjectReader fields(source, item, "instrument " + std::to_string(index) + ": ", error);
-        if (item.type != EJsonType::OBJECT) {
-            return fields.Fail(item.line, "must be an object, not " + describe(item));
+    read.instruments.resize(instruments->size());
+    for (size_t index = 0; index < instruments->size(); ++index) {
+        const json& item = (*instruments)[index];
+        const std::string pointer = "/instruments/" + std::to_string(index);
+        CObjectReader fields(source, document, item, pointer, "instrument " + std::to_string(index) + ": ",
+                             error);
+        if (!item.is_object()) {
+            return fields.Fail(document.Note(pointer).line,
+                               "must be an object, not " + describe(item, document.Note(pointer)));
         }
         if (!for_each_field(read.instruments[index], fields)) {
             return false;
@@ -823,15 +718,15 @@ bool sim_parse_kind(const std::string& text, ESimKind& kind) {
 }
 
 std::string format_sim_state(const SimState& state) {
-    const CCNumericScope numeric;
+    ordered_json counts = ordered_json::object();
+    CFieldWriter writer(counts);
+    for_each_count(state, writer);
     std::string out = "{";
-    CFieldWriter counts(out);
-    for_each_count(state, counts);
+    append_members(out, counts);
     out += ",\n \"instruments\": [";
     for (size_t index = 0; index < state.instruments.size(); ++index) {
         out += index == 0 ? "\n  {" : ",\n  {";
-        CFieldWriter fields(out);
-        for_each_field(state.instruments[index], fields);
+        append_members(out, fields_of(state.instruments[index]));
         out += '}';
     }
     out += state.instruments.empty() ? "]}\n" : "\n ]}\n";
@@ -839,17 +734,10 @@ std::string format_sim_state(const SimState& state) {
 }
 
 bool write_sim_state(const std::string& path, const SimState& state, std::string& error) {
-    for (size_t index = 0; index < state.instruments.size(); ++index) {
-        const SimInstrumentState& inst = state.instruments[index];
-        CNonFiniteFinder finder;
-        if (!for_each_field(inst, finder)) {
-            std::string id;
-            append_string(id, inst.id);
-            error = "cannot write " + path + ": instrument " + std::to_string(index) + " (" + id + "): \"" +
-                    finder.Field() + "\" is " + (std::isnan(finder.Value()) ? "nan" : "infinite") +
-                    ", which JSON cannot hold";
-            return false;
-        }
+    const std::string refused = unwritable(state);
+    if (!refused.empty()) {
+        error = "cannot write " + path + ": " + refused;
+        return false;
     }
     const std::string text = format_sim_state(state);
 

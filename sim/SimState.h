@@ -62,8 +62,9 @@ struct SimState {
 // Writes `state` as JSON to `path`. Doubles are written so that reading them
 // back gives the same bits. Returns false with `error` naming the file.
 bool write_sim_state(const std::string& path, const SimState& state, std::string& error);
-// An infinite or NaN double comes out as null, which read_sim_state refuses;
-// write_sim_state refuses such a state before writing anything.
+// An infinite or NaN double comes out as null, which read_sim_state refuses,
+// and bytes of an id that are not UTF-8 as U+FFFD; write_sim_state refuses
+// such a state before writing anything.
 std::string format_sim_state(const SimState& state);
 
 // Reads a file written by write_sim_state. Returns false with `error` naming

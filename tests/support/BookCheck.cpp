@@ -1,22 +1,8 @@
 #include "tests/support/BookCheck.h"
 
 #include <cstring>
-#include <sstream>
 
-namespace {
-
-template <typename T>
-void Expect(std::vector<std::string>& out, const SimInstrumentState& inst, const char* field, const T& got,
-            const T& want) {
-    if (!(got == want)) {
-        std::ostringstream line;
-        line.precision(17);
-        line << inst.id << " (slot " << inst.slot << "): " << field << " is " << got << ", expected " << want;
-        out.push_back(line.str());
-    }
-}
-
-}  // namespace
+#include "sim/StateCompare.h"
 
 bool expect_subscribed(const SimInstrumentState& inst, const SubscriptionRules& rules) {
     if (!(inst.exchange == ESimExchange::SHFE ? rules.shfe : rules.ine)) {
@@ -52,27 +38,8 @@ std::vector<std::string> compare_books(const share& area, const SimState& expect
             continue;
         }
         expectedSlot[static_cast<size_t>(inst.slot)] = true;
-        const instrument& got = area.instmts[inst.slot];
-        char id[sizeof(got.inst_id) + 1] = {};
-        memcpy(id, got.inst_id, sizeof(got.inst_id));
-        Expect(out, inst, "inst_id", std::string(id), inst.id.substr(0, 15));
-        Expect(out, inst, "change_no", got.change_no, inst.changeNo);
-        Expect(out, inst, "last_px", got.last_px, inst.lastPx);
-        Expect(out, inst, "volume", got.volume, inst.volume);
-        Expect(out, inst, "turnover", got.turnover, inst.turnover);
-        Expect(out, inst, "open_interest", got.open_interest, inst.openInterest);
-        Expect(out, inst, "bid_totvol", got.bid_totvol, inst.bidTotVol);
-        Expect(out, inst, "ask_totvol", got.ask_totvol, inst.askTotVol);
-        Expect(out, inst, "bid_totamount", got.bid_totamount, inst.bidTotAmount);
-        Expect(out, inst, "ask_totamount", got.ask_totamount, inst.askTotAmount);
-        Expect(out, inst, "highest_price", got.highest_price, inst.highestPrice);
-        Expect(out, inst, "lowest_price", got.lowest_price, inst.lowestPrice);
-        for (int k = 0; k < kSimPublishedLevels; ++k) {
-            const std::string level = "[" + std::to_string(k) + "]";
-            Expect(out, inst, ("bid_px" + level).c_str(), got.bid_px[k], inst.bidPx[k]);
-            Expect(out, inst, ("bid_vol" + level).c_str(), got.bid_vol[k], inst.bidVol[k]);
-            Expect(out, inst, ("ask_px" + level).c_str(), got.ask_px[k], inst.askPx[k]);
-            Expect(out, inst, ("ask_vol" + level).c_str(), got.ask_vol[k], inst.askVol[k]);
+        for (const SimFieldDifference& difference : compare_instrument(area.instmts[inst.slot], inst)) {
+            out.push_back(describe_difference(inst, difference));
         }
     }
     if (area.shfe_inst_cnt != counts[0]) {
