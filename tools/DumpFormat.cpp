@@ -8,54 +8,45 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <type_traits>
+#include <nlohmann/json.hpp>
 
 namespace {
-
-// Fifteen significant digits print every price and amount the exchanges send
-// as written, without the binary noise of a seventeen-digit rendering.
-std::string table_number(double value) {
-    return printf_string("%.15g", value);
-}
-
-std::string json_number(double value) {
-    return std::isfinite(value) ? printf_string("%.17g", value) : "null";
-}
 
 size_t id_length(const instrument& inst) {
     return strnlen(reinterpret_cast<const char*>(inst.inst_id), sizeof(inst.inst_id));
 }
 
-std::string json_id(const instrument& inst) {
+// JSON text is Unicode; an identifier byte is taken as the character of that
+// number (Latin-1), as the Python reader decodes it.
+std::string id_utf8(const instrument& inst) {
     std::string text;
     for (size_t i = 0; i < id_length(inst); ++i) {
         const unsigned char c = inst.inst_id[i];
-        if (c == '"' || c == '\\') {
-            text += '\\';
+        if (c < 0x80) {
             text += static_cast<char>(c);
-        } else if (c < 0x20 || c >= 0x7f) {
-            text += printf_string("\\u%04x", c);
         } else {
-            text += static_cast<char>(c);
+            text += static_cast<char>(0xC0 | (c >> 6));
+            text += static_cast<char>(0x80 | (c & 0x3F));
         }
     }
     return text;
 }
 
-template <typename T>
-std::string json_array(const T (&values)[QUVO_BOOK_LEVELS]) {
-    std::string text = "[";
-    for (int k = 0; k < QUVO_BOOK_LEVELS; ++k) {
-        if (k > 0) {
-            text += ',';
-        }
-        if constexpr (std::is_floating_point_v<T>) {
-            text += json_number(values[k]);
-        } else {
-            text += std::to_string(values[k]);
-        }
+template <typename T, typename Convert>
+nlohmann::ordered_json json_levels(const T (&values)[QUVO_BOOK_LEVELS], Convert convert) {
+    nlohmann::ordered_json levels = nlohmann::ordered_json::array();
+    for (const T value : values) {
+        levels.push_back(convert(value));
     }
-    return text + "]";
+    return levels;
+}
+
+double round_amount(double value) {
+    return round_price(value, price_decimals(&value, 1));
+}
+
+std::string json_line(const nlohmann::ordered_json& value) {
+    return value.dump(-1, ' ', true) + "\n";
 }
 
 void trim_line_end(std::string& text) {
@@ -137,25 +128,25 @@ std::string inst_id_text(const instrument& inst) {
 }
 
 std::string format_table(const instrument& inst, uint32_t slot) {
+    const int decimals = instrument_price_decimals(inst);
+    const auto price = [decimals](double value) { return format_price(value, decimals); };
     std::string text = inst_id_text(inst) + "  " + exchange_name(slot) +
                        printf_string("  slot %u  inst_no %u  type %u  change_no %u  time ", slot,
                                      inst_no_of(slot), static_cast<unsigned>(inst.type), inst.change_no) +
                        format_update_time(inst.update_time, inst.update_milli_sec) + "\n";
-    text += "  last " + table_number(inst.last_px) + printf_string("  volume %u", inst.volume) +
-            "  turnover " + table_number(inst.turnover) + "  open_interest " +
-            table_number(inst.open_interest) + "\n";
-    text += "  high " + table_number(inst.highest_price) + "  low " + table_number(inst.lowest_price) +
+    text += "  last " + price(inst.last_px) + printf_string("  volume %u", inst.volume) + "  turnover " +
+            format_amount(inst.turnover) + "  open_interest " + format_amount(inst.open_interest) + "\n";
+    text += "  high " + price(inst.highest_price) + "  low " + price(inst.lowest_price) +
             printf_string("  bid_totvol %d  ask_totvol %d", inst.bid_totvol, inst.ask_totvol) +
-            "  bid_totamount " + table_number(inst.bid_totamount) + "  ask_totamount " +
-            table_number(inst.ask_totamount) + "\n";
+            "  bid_totamount " + format_amount(inst.bid_totamount) + "  ask_totamount " +
+            format_amount(inst.ask_totamount) + "\n";
     text += printf_string("%7s%11s%15s | %-15s%11s\n", "level", "bid vol", "bid px", "ask px", "ask vol");
     for (int k = 0; k < QUVO_BOOK_LEVELS; ++k) {
         const bool bidEmpty = inst.bid_px[k] == 0.0 && inst.bid_vol[k] == 0;
         const bool askEmpty = inst.ask_px[k] == 0.0 && inst.ask_vol[k] == 0;
         std::string line = printf_string(
             "%7d%11s%15s | %-15s%11s%s", k + 1, bidEmpty ? "" : std::to_string(inst.bid_vol[k]).c_str(),
-            bidEmpty ? "" : table_number(inst.bid_px[k]).c_str(),
-            askEmpty ? "" : table_number(inst.ask_px[k]).c_str(),
+            bidEmpty ? "" : price(inst.bid_px[k]).c_str(), askEmpty ? "" : price(inst.ask_px[k]).c_str(),
             askEmpty ? "" : std::to_string(inst.ask_vol[k]).c_str(), k >= kExchangeLevels ? "  local" : "");
         trim_line_end(line);
         text += line + "\n";
@@ -164,22 +155,34 @@ std::string format_table(const instrument& inst, uint32_t slot) {
 }
 
 std::string format_json(const instrument& inst, uint32_t slot) {
-    std::string text = "{\"id\":\"" + json_id(inst) + "\",\"exchange\":\"" + exchange_name(slot) + "\"";
-    text += printf_string(",\"slot\":%u,\"inst_no\":%u,\"type\":%u,\"change_no\":%u", slot, inst_no_of(slot),
-                          static_cast<unsigned>(inst.type), inst.change_no);
-    text += printf_string(",\"update_time\":%u,\"update_milli_sec\":%u", inst.update_time,
-                          static_cast<unsigned>(inst.update_milli_sec));
-    text += ",\"last_px\":" + json_number(inst.last_px) + printf_string(",\"volume\":%u", inst.volume) +
-            ",\"turnover\":" + json_number(inst.turnover) +
-            ",\"open_interest\":" + json_number(inst.open_interest);
-    text += printf_string(",\"bid_totvol\":%d,\"ask_totvol\":%d", inst.bid_totvol, inst.ask_totvol);
-    text += ",\"bid_totamount\":" + json_number(inst.bid_totamount) +
-            ",\"ask_totamount\":" + json_number(inst.ask_totamount) +
-            ",\"highest_price\":" + json_number(inst.highest_price) +
-            ",\"lowest_price\":" + json_number(inst.lowest_price);
-    text += ",\"bid_px\":" + json_array(inst.bid_px) + ",\"bid_vol\":" + json_array(inst.bid_vol) +
-            ",\"ask_px\":" + json_array(inst.ask_px) + ",\"ask_vol\":" + json_array(inst.ask_vol) + "}\n";
-    return text;
+    const int decimals = instrument_price_decimals(inst);
+    const auto price = [decimals](double value) { return round_price(value, decimals); };
+    const auto volume = [](int32_t value) { return value; };
+    const nlohmann::ordered_json record = {
+        {"id", id_utf8(inst)},
+        {"exchange", exchange_name(slot)},
+        {"slot", slot},
+        {"inst_no", inst_no_of(slot)},
+        {"type", inst.type},
+        {"change_no", inst.change_no},
+        {"update_time", inst.update_time},
+        {"update_milli_sec", inst.update_milli_sec},
+        {"last_px", price(inst.last_px)},
+        {"volume", inst.volume},
+        {"turnover", round_amount(inst.turnover)},
+        {"open_interest", round_amount(inst.open_interest)},
+        {"bid_totvol", inst.bid_totvol},
+        {"ask_totvol", inst.ask_totvol},
+        {"bid_totamount", round_amount(inst.bid_totamount)},
+        {"ask_totamount", round_amount(inst.ask_totamount)},
+        {"highest_price", price(inst.highest_price)},
+        {"lowest_price", price(inst.lowest_price)},
+        {"bid_px", json_levels(inst.bid_px, price)},
+        {"bid_vol", json_levels(inst.bid_vol, volume)},
+        {"ask_px", json_levels(inst.ask_px, price)},
+        {"ask_vol", json_levels(inst.ask_vol, volume)},
+    };
+    return json_line(record);
 }
 
 std::string format_counts_table(const share& area) {
@@ -188,8 +191,11 @@ std::string format_counts_table(const share& area) {
 }
 
 std::string format_counts_json(const share& area) {
-    return printf_string("{\"shfe_inst_cnt\":%d,\"ine_inst_cnt\":%d,\"shfe_pktno\":%d,\"ine_pktno\":%d}\n",
-                         area.shfe_inst_cnt, area.ine_inst_cnt, area.shfe_pktno, area.ine_pktno);
+    const nlohmann::ordered_json counts = {{"shfe_inst_cnt", area.shfe_inst_cnt},
+                                           {"ine_inst_cnt", area.ine_inst_cnt},
+                                           {"shfe_pktno", area.shfe_pktno},
+                                           {"ine_pktno", area.ine_pktno}};
+    return json_line(counts);
 }
 
 std::string printf_string(const char* format, ...) {

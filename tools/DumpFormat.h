@@ -40,9 +40,14 @@ double round_price(double value, int decimals);
 // A single amount (turnover, totals) at its own precision.
 std::string format_amount(double value);
 
-// Header, statistics and the ten-level ladder, ending in a newline.
+// Header, statistics and the ten-level ladder, ending in a newline. Prices
+// are written at the precision of the record's prices, amounts each at its own.
 std::string format_table(const instrument& inst, uint32_t slot);
-// One JSON object on one line, with its newline.
+// One JSON object on one line, with its newline, under the expected state's
+// names (id, exchange, slot, inst_no, type, change_no, ..., bid_px, bid_vol,
+// ask_px, ask_vol; ten levels a side). Prices are rounded as format_table
+// writes them, so each reads as its decimal; values that are not finite are
+// null. The identifier's bytes are taken as Latin-1.
 std::string format_json(const instrument& inst, uint32_t slot);
 
 std::string format_counts_table(const share& area);

@@ -25,6 +25,14 @@ from ._layout import (
     UPDATE_RING_KEY_FILE,
     UPDATE_RING_SIZE,
 )
+from ._prices import (
+    MAX_PRICE_DECIMALS,
+    format_amount,
+    format_price,
+    instrument_price_decimals,
+    price_decimals,
+    round_price,
+)
 from .reader import (
     AttachError,
     Counters,
@@ -60,6 +68,12 @@ __all__ = [
     "UPDATE_RING_ENTRIES",
     "UPDATE_RING_KEY_FILE",
     "UPDATE_RING_SIZE",
+    "MAX_PRICE_DECIMALS",
+    "format_amount",
+    "format_price",
+    "instrument_price_decimals",
+    "price_decimals",
+    "round_price",
     "AttachError",
     "Counters",
     "InconsistentRecordError",

@@ -2,35 +2,87 @@
 
 import argparse
 import json
+import math
 import sys
 
-from . import EXCHANGE_LEVELS, AttachError, QuvoError, Reader
+from . import (
+    EXCHANGE_LEVELS,
+    AttachError,
+    QuvoError,
+    Reader,
+    format_amount,
+    format_price,
+    instrument_price_decimals,
+    price_decimals,
+    round_price,
+)
 
 
 def _table(inst):
+    decimals = instrument_price_decimals(inst)
     lines = [
         f"{inst.inst_id}  {inst.exchange}  slot {inst.slot}  change_no {inst.change_no}  "
-        f"last {inst.last_px:g}  volume {inst.volume}  open_interest {inst.open_interest:g}"
+        f"last {format_price(inst.last_px, decimals)}  volume {inst.volume}  "
+        f"open_interest {format_amount(inst.open_interest)}"
     ]
     for level, (bid, ask) in enumerate(zip(inst.bids, inst.asks), 1):
-        bid_vol, bid_px = ("", "") if bid == (0.0, 0) else (bid[1], f"{bid[0]:g}")
-        ask_px, ask_vol = ("", "") if ask == (0.0, 0) else (f"{ask[0]:g}", ask[1])
+        bid_vol, bid_px = ("", "") if bid == (0.0, 0) else (bid[1], format_price(bid[0], decimals))
+        ask_px, ask_vol = ("", "") if ask == (0.0, 0) else (format_price(ask[0], decimals), ask[1])
         local = "  local" if level > EXCHANGE_LEVELS else ""
         lines.append(f"{level:>5}{bid_vol:>9}{bid_px:>13} | {ask_px:<13}{ask_vol:>9}{local}".rstrip())
     return "\n".join(lines)
 
 
+def _finite(value):
+    # JSON has no NaN or infinity; quvo-dump writes null for them too.
+    return value if math.isfinite(value) else None
+
+
+def record(inst):
+    """The book as quvo-dump --json gives it: the expected-state file's names,
+    prices rounded at the instrument's precision, amounts at their own."""
+    decimals = instrument_price_decimals(inst)
+
+    def price(value):
+        return _finite(round_price(value, decimals))
+
+    def amount(value):
+        return _finite(round_price(value, price_decimals([value])))
+
+    return {
+        "id": inst.inst_id,
+        "exchange": inst.exchange,
+        "slot": inst.slot,
+        "inst_no": inst.inst_no,
+        "type": inst.type,
+        "change_no": inst.change_no,
+        "update_time": inst.update_time,
+        "update_milli_sec": inst.update_milli_sec,
+        "last_px": price(inst.last_px),
+        "volume": inst.volume,
+        "turnover": amount(inst.turnover),
+        "open_interest": amount(inst.open_interest),
+        "bid_totvol": inst.bid_totvol,
+        "ask_totvol": inst.ask_totvol,
+        "bid_totamount": amount(inst.bid_totamount),
+        "ask_totamount": amount(inst.ask_totamount),
+        "highest_price": price(inst.highest_price),
+        "lowest_price": price(inst.lowest_price),
+        "bid_px": [price(px) for px, _ in inst.bids],
+        "bid_vol": [vol for _, vol in inst.bids],
+        "ask_px": [price(px) for px, _ in inst.asks],
+        "ask_vol": [vol for _, vol in inst.asks],
+    }
+
+
 def _json(inst):
-    record = {name: getattr(inst, name) for name in inst.__dataclass_fields__ if name not in ("bids", "asks")}
-    record["bids"] = [list(level) for level in inst.bids]
-    record["asks"] = [list(level) for level in inst.asks]
-    return json.dumps(record)
+    return json.dumps(record(inst), separators=(",", ":"), allow_nan=False)
 
 
 def main(argv=None):
     parser = argparse.ArgumentParser(prog="python3 -m quvo", description=__doc__.split(": ", 1)[1])
     parser.add_argument("ids", nargs="*", metavar="ID", help="instrument identifier; none prints every one in use")
-    parser.add_argument("--json", action="store_true", help="one JSON object per line")
+    parser.add_argument("--json", action="store_true", help="one JSON object per line, as quvo-dump --json")
     args = parser.parse_args(argv)
     try:
         with Reader() as reader:

@@ -13,6 +13,8 @@ import numpy
 import quvo
 from support import Feed, KeySandbox, attach_count, dump_json
 
+PRICES = ("last_px", "highest_price", "lowest_price")
+AMOUNTS = ("turnover", "open_interest", "bid_totamount", "ask_totamount")
 SCALARS = (
     "type",
     "change_no",
@@ -34,6 +36,16 @@ SCALARS = (
 def same_number(got, want):
     # quvo-dump writes a value that is not finite as null.
     return (want is None and not math.isfinite(got)) or got == want
+
+
+def as_dumped(book, name, value):
+    """`value` of field `name` as quvo-dump writes it: prices at the book's
+    precision, amounts at their own."""
+    if name in AMOUNTS:
+        return quvo.round_price(value, quvo.price_decimals([value]))
+    if name in PRICES or name in ("bid_px", "ask_px"):
+        return quvo.round_price(value, quvo.instrument_price_decimals(book))
+    return value
 
 
 class FeedTest(unittest.TestCase):
@@ -94,13 +106,37 @@ class FeedTest(unittest.TestCase):
                     (by_slot.slot, by_slot.exchange, by_slot.inst_no), (line["slot"], line["exchange"], line["inst_no"])
                 )
                 for name in SCALARS:
-                    self.assertTrue(same_number(getattr(by_slot, name), line[name]), name)
+                    value = as_dumped(by_slot, name, getattr(by_slot, name))
+                    self.assertTrue(same_number(value, line[name]), name)
                 for side, prices, volumes in (("bids", "bid_px", "bid_vol"), ("asks", "ask_px", "ask_vol")):
                     levels = getattr(by_slot, side)
                     self.assertEqual(len(levels), quvo.BOOK_LEVELS)
                     for k, (price, volume) in enumerate(levels):
-                        self.assertTrue(same_number(price, line[prices][k]), f"{prices}[{k}]")
+                        dumped = as_dumped(by_slot, prices, price)
+                        self.assertTrue(same_number(dumped, line[prices][k]), f"{prices}[{k}]")
                         self.assertEqual(volume, line[volumes][k], f"{volumes}[{k}]")
+
+    def test_python_json_equals_quvo_dump(self):
+        result = subprocess.run(
+            [sys.executable, "-m", "quvo", "--json"],
+            env=dict(os.environ, QUVO_KEY_DIR=self.sandbox.path),
+            capture_output=True,
+            text=True,
+            timeout=60,
+        )
+        self.assertEqual(result.returncode, 0, result.stderr)
+        printed = [json.loads(line) for line in result.stdout.splitlines()]
+        self.assertEqual(len(printed), len(self.expected))
+        self.assertEqual(printed, self.dumped)
+        for line in printed:
+            self.assertIn(line["exchange"], ("SHFE", "INE"))
+
+    def test_dumped_names_are_the_expected_states(self):
+        shared = set(self.expected[0]) & set(self.dumped[0])
+        for name in ("id", "exchange", "slot", "inst_no", "change_no", "last_px", "volume", "turnover",
+                     "open_interest", "bid_totvol", "ask_totvol", "bid_totamount", "ask_totamount",
+                     "highest_price", "lowest_price", "bid_px", "bid_vol", "ask_px", "ask_vol"):
+            self.assertIn(name, shared)
 
     def test_every_book_equals_the_simulators_expected_book(self):
         for want in self.expected:
@@ -186,8 +222,8 @@ class FeedTest(unittest.TestCase):
         self.assertEqual(result.returncode, 1)
         self.assertIn("zz9999 is not in use", result.stderr)
         printed = json.loads(result.stdout)
-        self.assertEqual(printed["inst_id"], first["id"])
-        self.assertEqual(printed["bids"], [list(pair) for pair in zip(first["bid_px"], first["bid_vol"])])
+        self.assertEqual(printed, first)
+        self.assertEqual((printed["id"], printed["exchange"]), (first["id"], first["exchange"]))
 
 
 if __name__ == "__main__":

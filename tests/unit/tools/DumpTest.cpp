@@ -4,6 +4,9 @@
 #include <cmath>
 #include <csignal>
 #include <cstring>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
 
 #include "src/api/SharedSegments.h"
 #include "src/api/UpdateRing.h"
@@ -60,7 +63,9 @@ TEST(DumpFormatTest, IdentifierStopsAtNulOrSixteenBytesAndShowsOddBytes) {
     set_id(inst, "a\tb\"c\\");
     inst.inst_id[6] = 0xE9;
     EXPECT_EQ(inst_id_text(inst), "a\\x09b\"c\\\\xe9");
-    EXPECT_EQ(format_json(inst, 0).substr(0, 28), "{\"id\":\"a\\u0009b\\\"c\\\\\\u00e9\",");
+    EXPECT_EQ(format_json(inst, 0).rfind("{\"id\":\"a\\tb\\\"c\\\\\\u00e9\",", 0), 0u)
+        << format_json(inst, 0);
+    EXPECT_EQ(nlohmann::json::parse(format_json(inst, 0))["id"], "a\tb\"c\\\u00e9");
 }
 
 TEST(DumpFormatTest, TableShowsHeaderStatisticsAndTheLadder) {
@@ -91,8 +96,8 @@ TEST(DumpFormatTest, TablePrintsTicksAsWritten) {
     EXPECT_EQ(table.substr(0, table.find("  level")),
               "sc2501  INE  slot 20477  inst_no 2  type 0  change_no 3  time 21:00:00.005\n"
               "  last 512.1  volume 7  turnover 3584.7  open_interest 100\n"
-              "  high 0  low 0  bid_totvol 0  ask_totvol 0  bid_totamount 0  ask_totamount 0\n");
-    EXPECT_NE(table.find("\n      1          1            512 | 512.5                    2\n"
+              "  high 0.0  low 0.0  bid_totvol 0  ask_totvol 0  bid_totamount 0  ask_totamount 0\n");
+    EXPECT_NE(table.find("\n      1          1          512.0 | 512.5                    2\n"
                          "      2                           |\n"),
               std::string::npos)
         << table;
@@ -103,25 +108,150 @@ TEST(DumpFormatTest, JsonHoldsEveryFieldAndAllTenLevels) {
     inst = copper_record();
     EXPECT_EQ(format_json(inst, 0),
               "{\"id\":\"cu2501\",\"exchange\":\"SHFE\",\"slot\":0,\"inst_no\":0,\"type\":1,\"change_no\":10,"
-              "\"update_time\":93015,\"update_milli_sec\":500,\"last_px\":72010,\"volume\":1234,"
-              "\"turnover\":444370000.5,\"open_interest\":5678,\"bid_totvol\":100,\"ask_totvol\":200,"
-              "\"bid_totamount\":7200000,\"ask_totamount\":14400000.25,\"highest_price\":72100,"
-              "\"lowest_price\":71900,\"bid_px\":[72000,71990,71980,71970,71960,71950,0,0,0,0],"
-              "\"bid_vol\":[10,11,12,13,14,2,0,0,0,0],\"ask_px\":[72010,72020,72030,72040,72050,0,0,0,0,0],"
+              "\"update_time\":93015,\"update_milli_sec\":500,\"last_px\":72010.0,\"volume\":1234,"
+              "\"turnover\":444370000.5,\"open_interest\":5678.0,\"bid_totvol\":100,\"ask_totvol\":200,"
+              "\"bid_totamount\":7200000.0,\"ask_totamount\":14400000.25,\"highest_price\":72100.0,"
+              "\"lowest_price\":71900.0,"
+              "\"bid_px\":[72000.0,71990.0,71980.0,71970.0,71960.0,71950.0,0.0,0.0,0.0,0.0],"
+              "\"bid_vol\":[10,11,12,13,14,2,0,0,0,0],"
+              "\"ask_px\":[72010.0,72020.0,72030.0,72040.0,72050.0,0.0,0.0,0.0,0.0,0.0],"
               "\"ask_vol\":[5,6,7,8,9,0,0,0,0,0]}\n");
 }
 
-TEST(DumpFormatTest, JsonKeepsEveryDigitAndWritesNullForNonNumbers) {
+TEST(DumpFormatTest, JsonPricesReadAsTheirDecimalsAndNonNumbersAsNull) {
     instrument inst;
     fill_crude(inst);
+    volatile double tenth = 0.1;
+    inst.bid_px[1] = 512.0 - tenth - tenth - tenth;        // 511.69999999999993
+    inst.turnover = 3584.7 + tenth + tenth + tenth - 0.3;  // 3584.6999999999994
     inst.highest_price = NAN;
     inst.lowest_price = INFINITY;
     const std::string json = format_json(inst, kCrudeSlot);
     EXPECT_NE(json.find("\"exchange\":\"INE\",\"slot\":20477,\"inst_no\":2,"), std::string::npos) << json;
-    EXPECT_NE(json.find("\"last_px\":512.10000000000002,"), std::string::npos) << json;
-    EXPECT_NE(json.find("\"turnover\":3584.6999999999998,"), std::string::npos) << json;
+    EXPECT_NE(json.find("\"last_px\":512.1,"), std::string::npos) << json;
+    EXPECT_NE(json.find("\"turnover\":3584.7,"), std::string::npos) << json;
     EXPECT_NE(json.find("\"highest_price\":null,\"lowest_price\":null,"), std::string::npos) << json;
-    EXPECT_NE(json.find("\"ask_px\":[512.5,0,"), std::string::npos) << json;
+    EXPECT_NE(json.find("\"bid_px\":[512.0,511.7,0.0,"), std::string::npos) << json;
+    EXPECT_NE(json.find("\"ask_px\":[512.5,0.0,"), std::string::npos) << json;
+    EXPECT_EQ(json.find("99999"), std::string::npos) << json;
+    const nlohmann::json parsed = nlohmann::json::parse(json);
+    EXPECT_EQ(parsed["bid_px"][1].get<double>(), 511.7);
+    EXPECT_TRUE(parsed["highest_price"].is_null());
+    EXPECT_EQ(parsed["ask_vol"].size(), 10u);
+}
+
+// The names and their order are the expected-state file's, then the record's own.
+TEST(DumpFormatTest, JsonNamesAreTheExpectedStateNames) {
+    const nlohmann::ordered_json parsed = nlohmann::ordered_json::parse(format_json(copper_record(), 0));
+    std::vector<std::string> names;
+    for (auto member = parsed.begin(); member != parsed.end(); ++member) {
+        names.push_back(member.key());
+    }
+    const std::vector<std::string> expected = {
+        "id",          "exchange",         "slot",          "inst_no",       "type",          "change_no",
+        "update_time", "update_milli_sec", "last_px",       "volume",        "turnover",      "open_interest",
+        "bid_totvol",  "ask_totvol",       "bid_totamount", "ask_totamount", "highest_price", "lowest_price",
+        "bid_px",      "bid_vol",          "ask_px",        "ask_vol"};
+    EXPECT_EQ(names, expected);
+}
+
+TEST(DumpFormatTest, TableWritesPricesAtTheirTickAndAmountsAtTheirOwn) {
+    instrument inst = copper_record();
+    volatile double fifth = 0.2;
+    inst.last_px = 576.2;
+    inst.bid_px[0] = 576.0 + fifth + fifth + fifth;
+    inst.ask_px[0] = 576.8;
+    inst.highest_price = 577.0;
+    inst.lowest_price = 575.4;
+    for (int k = 1; k < QUVO_BOOK_LEVELS; ++k) {
+        inst.bid_px[k] = inst.ask_px[k] = 0;
+        inst.bid_vol[k] = inst.ask_vol[k] = 0;
+    }
+    inst.turnover = 0.1 + 0.2;
+    const std::string table = format_table(inst, 0);
+    EXPECT_NE(table.find("  last 576.2  volume 1234  turnover 0.3  open_interest 5678\n"), std::string::npos)
+        << table;
+    EXPECT_NE(table.find("  high 577.0  low 575.4  "), std::string::npos) << table;
+    EXPECT_NE(table.find("      1         10          576.6 | 576.8                    5\n"),
+              std::string::npos)
+        << table;
+}
+
+TEST(PriceTextTest, DecimalsAreTheFewestThatReproduceEveryPrice) {
+    volatile double fifth = 0.2;
+    const double noisy[] = {72000 + fifth + fifth + fifth, 72000.2, 0.0};
+    EXPECT_EQ(price_decimals(noisy, 3), 1);
+    const double whole[] = {72010, 72000, 0, -5};
+    EXPECT_EQ(price_decimals(whole, 4), 0);
+    const double quarter[] = {576.25, 576.2};
+    EXPECT_EQ(price_decimals(quarter, 2), 2);
+    const double third[] = {1.0 / 3};
+    EXPECT_EQ(price_decimals(third, 1), -1);
+    const double nine[] = {0.123456789};
+    EXPECT_EQ(price_decimals(nine, 1), -1);
+    const double eight[] = {0.12345678};
+    EXPECT_EQ(price_decimals(eight, 1), kMaxPriceDecimals);
+    const double empty[] = {0.0, NAN, INFINITY};
+    EXPECT_EQ(price_decimals(empty, 3), 0);
+    EXPECT_EQ(price_decimals(nullptr, 0), 0);
+}
+
+TEST(PriceTextTest, InstrumentDecimalsCoverLastHighLowAndEveryLevel) {
+    instrument inst = copper_record();
+    EXPECT_EQ(instrument_price_decimals(inst), 0);
+    inst.ask_px[9] = 72000.5;
+    EXPECT_EQ(instrument_price_decimals(inst), 1);
+    inst.lowest_price = 71999.25;
+    EXPECT_EQ(instrument_price_decimals(inst), 2);
+    // Amounts have a precision of their own.
+    inst = copper_record();
+    inst.turnover = 0.125;
+    inst.bid_totamount = 1.5;
+    EXPECT_EQ(instrument_price_decimals(inst), 0);
+}
+
+TEST(PriceTextTest, FormatPriceWritesTheDecimalNotTheBinaryNoise) {
+    EXPECT_EQ(format_price(576.20000000000005, 1), "576.2");
+    volatile double fifth = 0.2;
+    const double noisy = 72000 + fifth + fifth + fifth;  // 72000.59999999999
+    ASSERT_NE(noisy, 72000.6);
+    EXPECT_EQ(format_price(noisy, 1), "72000.6");
+    EXPECT_EQ(format_price(72010, 0), "72010");
+    EXPECT_EQ(format_price(576.25, 2), "576.25");
+    EXPECT_EQ(format_price(576.2, 2), "576.20");
+    EXPECT_EQ(format_price(-0.0, 0), "0");
+    EXPECT_EQ(format_price(-0.0, 2), "0.00");
+    EXPECT_EQ(format_price(-0.001, 1), "0.0");
+    EXPECT_EQ(format_price(-5.5, 1), "-5.5");
+    // Past kMaxPriceDecimals: the shortest text that reads back the same double.
+    EXPECT_EQ(format_price(1.0 / 3, -1), "0.3333333333333333");
+    const double nine = 0.123456789;
+    EXPECT_EQ(format_price(nine, price_decimals(&nine, 1)), "0.123456789");
+    EXPECT_EQ(format_price(noisy, -1), "72000.59999999999");
+    EXPECT_EQ(format_price(NAN, 2), "nan");
+}
+
+TEST(PriceTextTest, RoundPriceGivesTheDoubleNearestTheDecimal) {
+    volatile double fifth = 0.2;
+    const double noisy = 72000 + fifth + fifth + fifth;  // 72000.59999999999
+    EXPECT_EQ(round_price(noisy, 1), 72000.6);
+    EXPECT_EQ(round_price(576.20000000000005, 1), 576.2);
+    EXPECT_EQ(round_price(576.25, 2), 576.25);
+    EXPECT_EQ(round_price(72010, 0), 72010.0);
+    EXPECT_EQ(round_price(noisy, -1), noisy);
+    EXPECT_EQ(round_price(1.0 / 3, -1), 1.0 / 3);
+    EXPECT_TRUE(std::isinf(round_price(INFINITY, 2)));
+    EXPECT_EQ(nlohmann::json(round_price(noisy, 1)).dump(), "72000.6");
+    EXPECT_EQ(nlohmann::json(noisy).dump(), "72000.59999999999");
+}
+
+TEST(PriceTextTest, AmountsAreWrittenAtTheirOwnPrecision) {
+    EXPECT_EQ(format_amount(444370000.5), "444370000.5");
+    EXPECT_EQ(format_amount(0.1 + 0.2), "0.3");
+    EXPECT_EQ(format_amount(14400000.25), "14400000.25");
+    EXPECT_EQ(format_amount(7200000), "7200000");
+    EXPECT_EQ(format_amount(0), "0");
+    EXPECT_EQ(format_amount(0.123456789), "0.123456789");
 }
 
 TEST(DumpFormatTest, CountsAsTextAndJson) {
