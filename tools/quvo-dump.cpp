@@ -1,5 +1,5 @@
 // quvo-dump: prints instruments from quvo-md's shared memory, once or as the
-// update ring announces changes.
+// update ring announces changes, or compares them with an expected state.
 #include <signal.h>
 
 #include <cerrno>
@@ -13,6 +13,8 @@
 #include <vector>
 
 #include "interface/quvoreader.h"
+#include "sim/SimState.h"
+#include "sim/StateCompare.h"
 #include "tools/DumpFormat.h"
 #include "tools/StopSignal.h"
 
@@ -20,12 +22,14 @@ namespace {
 
 constexpr const char* kUsage =
     "Usage: quvo-dump [options] [ID ...]\n"
+    "       quvo-dump --check EXPECTED.json\n"
     "Prints instruments from the shared memory of the quvo-md feed on this host.\n"
     "\n"
     "  ID             identifier of an instrument to print, matched exactly (e.g. cu2501);\n"
     "                 with no ID, every instrument in use is printed\n"
     "  --all          every instrument in use (what no ID means); not combined with IDs\n"
-    "  --json         one JSON object per line and instrument instead of the table\n"
+    "  --json         one JSON object per line and instrument instead of the table,\n"
+    "                 under the expected-state file's names (id, exchange, slot, ...)\n"
     "  --counts       print the area's four counters (shfe_inst_cnt, ine_inst_cnt,\n"
     "                 shfe_pktno, ine_pktno) first; with no ID and no --all, only them\n"
     "  --watch        print the instruments, then follow the update ring and reprint\n"
@@ -34,17 +38,26 @@ constexpr const char* kUsage =
     "  --interval MS  with --watch, table view only: reprint an instrument at most once\n"
     "                 every MS milliseconds (default 0: on every change)\n"
     "  --count N      with --watch: exit after N announcements of printed instruments\n"
+    "  --check FILE   compare the shared memory with an expected-state file (as the\n"
+    "                 simulator writes, see docs/simulator.md): each instrument it\n"
+    "                 lists, every field the shared record holds, doubles exactly; prints\n"
+    "                 the first 20 differences (instrument, exchange, slot, field and\n"
+    "                 both values), the number of the rest, then a summary line;\n"
+    "                 takes no other option or ID\n"
     "  -h, --help     print this text and exit\n"
     "\n"
     "The table shows ten levels a side: the exchange publishes five, levels 6 to 10\n"
-    "(marked local) are kept by the feed. Empty levels are left blank.\n"
+    "(marked local) are kept by the feed. Empty levels are left blank. Prices are\n"
+    "written at the precision of the instrument's prices (576.2, not\n"
+    "576.20000000000005), in the table and in JSON alike.\n"
     "\n"
     "Shared memory: the update ring is keyed by ftok on the file key_f, the market-data\n"
     "area by key_e, both in the directory named by the environment variable\n"
     "QUVO_KEY_DIR, or in /etc when it is unset or empty. Both are attached read-only.\n"
     "\n"
     "Exit status: 0 done; 1 an ID is not in use; 2 bad options, or the shared memory\n"
-    "cannot be attached.\n";
+    "cannot be attached. With --check: 0 equal, 1 different, 2 the file cannot be\n"
+    "read or is not an expected state, or the shared memory cannot be attached.\n";
 
 struct DumpOptions {
     bool all = false;
@@ -54,6 +67,8 @@ struct DumpOptions {
     bool help = false;
     long intervalMs = 0;
     long count = 0;
+    std::string checkPath;
+    bool check = false;
     std::vector<std::string> ids;
 };
 
@@ -83,7 +98,7 @@ bool parse_options(int argc, char** argv, DumpOptions& options, std::string& err
             arg.erase(equals);
             hasValue = true;
         }
-        const bool takesValue = arg == "--interval" || arg == "--count";
+        const bool takesValue = arg == "--interval" || arg == "--count" || arg == "--check";
         if (takesValue && !hasValue) {
             if (i + 1 >= argc) {
                 error = arg + " needs a value";
@@ -111,6 +126,13 @@ bool parse_options(int argc, char** argv, DumpOptions& options, std::string& err
                 error = "--interval needs a number of milliseconds, not '" + value + "'";
                 return false;
             }
+        } else if (arg == "--check") {
+            if (value.empty()) {
+                error = "--check needs the path of an expected-state file";
+                return false;
+            }
+            options.check = true;
+            options.checkPath = value;
         } else if (arg == "--count") {
             if (!parse_count(value, 1, options.count)) {
                 error = "--count needs a number above 0, not '" + value + "'";
@@ -121,7 +143,10 @@ bool parse_options(int argc, char** argv, DumpOptions& options, std::string& err
             return false;
         }
     }
-    if (options.all && !options.ids.empty()) {
+    if (options.check &&
+        (options.all || options.json || options.counts || options.watch || !options.ids.empty())) {
+        error = "--check takes no other option and no ID";
+    } else if (options.all && !options.ids.empty()) {
         error = "--all and IDs exclude each other";
     } else if (!options.watch && (options.intervalMs > 0 || options.count > 0)) {
         error = "--interval and --count need --watch";
@@ -315,6 +340,65 @@ int dump_once(const CQuvoReader& reader, const DumpOptions& options) {
     return 0;
 }
 
+constexpr size_t kShownDifferences = 20;
+
+std::string count_of(size_t count, const char* noun) {
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+// Exit status: 0 equal, 1 different, 2 unusable input.
+int check_state(const DumpOptions& options) {
+    SimState expected;
+    std::string error;
+    if (!read_sim_state(options.checkPath, expected, error)) {
+        fprintf(stderr, "quvo-dump: %s\n", error.c_str());
+        return 2;
+    }
+    for (size_t index = 0; index < expected.instruments.size(); ++index) {
+        const SimInstrumentState& inst = expected.instruments[index];
+        const int32_t slot = sim_slot_of(inst);
+        if (slot < 0 || slot != inst.slot) {
+            fprintf(stderr,
+                    "quvo-dump: %s: instrument %zu (%s): slot %d is not where %s instrument %d goes\n",
+                    options.checkPath.c_str(), index, inst.id.c_str(), inst.slot,
+                    sim_exchange_name(inst.exchange), inst.instNo);
+            return 2;
+        }
+    }
+    CQuvoReader reader;
+    if (!reader.Attach(error)) {
+        fprintf(stderr, "%s\n", error.c_str());
+        return 2;
+    }
+    size_t differences = 0;
+    size_t differing = 0;
+    for (const SimInstrumentState& inst : expected.instruments) {
+        instrument copy;
+        if (!quvo_copy_consistent(reader.Area()->instmts[inst.slot], copy)) {
+            fprintf(stderr, "quvo-dump: slot %d kept changing; its copy may mix two updates\n", inst.slot);
+        }
+        const std::vector<SimFieldDifference> found = compare_instrument(copy, inst);
+        differing += found.empty() ? 0 : 1;
+        for (const SimFieldDifference& difference : found) {
+            if (++differences <= kShownDifferences) {
+                printf("%s\n", describe_difference(inst, difference).c_str());
+            }
+        }
+    }
+    if (differences > kShownDifferences) {
+        const size_t rest = differences - kShownDifferences;
+        printf("... and %zu more difference%s\n", rest, rest == 1 ? "" : "s");
+    }
+    const std::string checked = count_of(expected.instruments.size(), "instrument");
+    if (differences == 0) {
+        printf("%s checked against %s: all equal\n", checked.c_str(), options.checkPath.c_str());
+    } else {
+        printf("%s checked against %s: %s in %s\n", checked.c_str(), options.checkPath.c_str(),
+               count_of(differences, "difference").c_str(), count_of(differing, "instrument").c_str());
+    }
+    return differences == 0 ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -327,6 +411,9 @@ int main(int argc, char** argv) {
     if (options.help) {
         fputs(kUsage, stdout);
         return 0;
+    }
+    if (options.check) {
+        return check_state(options);
     }
     CQuvoReader reader;
     if (!reader.Attach(error)) {

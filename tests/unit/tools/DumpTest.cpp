@@ -1,13 +1,16 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cmath>
 #include <csignal>
 #include <cstring>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "sim/SimState.h"
 #include "src/api/SharedSegments.h"
 #include "src/api/UpdateRing.h"
 #include "tests/support/FeedSegments.h"
@@ -332,6 +335,13 @@ TEST_F(DumpToolTest, BadOptionsPrintTheUsageWithStatusTwo) {
         {"--watch", "--json", "--interval", "5"},
         {"--watch", "--counts"},
         {"--json=1"},
+        {"--check"},
+        {"--check="},
+        {"--check", "expect.json", "--json"},
+        {"--check=expect.json", "cu2501"},
+        {"--check", "expect.json", "--watch"},
+        {"--check", "expect.json", "--counts"},
+        {"--all", "--check", "expect.json"},
     };
     for (const std::vector<std::string>& args : cases) {
         const RunResult result = run_dump(args);
@@ -348,8 +358,9 @@ TEST_F(DumpToolTest, HelpDocumentsEveryOptionAndTheKeyDirectory) {
     const RunResult result = run_dump({"--help"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.err, "");
-    for (const char* word : {"--all", "--json", "--counts", "--watch", "--interval MS", "--count N", "--help",
-                             "QUVO_KEY_DIR", "/etc", "key_f", "key_e", "SIGINT", "SIGTERM"}) {
+    for (const char* word :
+         {"--all", "--json", "--counts", "--watch", "--interval MS", "--count N", "--check FILE", "--help",
+          "QUVO_KEY_DIR", "/etc", "key_f", "key_e", "SIGINT", "SIGTERM"}) {
         EXPECT_NE(result.out.find(word), std::string::npos) << word;
     }
 }
@@ -406,6 +417,135 @@ TEST_F(DumpToolTest, WatchStopsCleanlyOnSigintAndSigterm) {
     }
 }
 
+std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+// The simulator's expected state of a record, field for field.
+SimInstrumentState expected_of(const instrument& record, uint32_t slot) {
+    SimInstrumentState inst;
+    inst.exchange = quvo_slot_is_ine(slot) ? ESimExchange::INE : ESimExchange::SHFE;
+    inst.instNo = static_cast<int32_t>(inst_no_of(slot));
+    inst.slot = static_cast<int32_t>(slot);
+    inst.id = inst_id_text(record);
+    inst.changeNo = record.change_no;
+    inst.lastPx = record.last_px;
+    inst.volume = record.volume;
+    inst.turnover = record.turnover;
+    inst.openInterest = record.open_interest;
+    inst.bidTotVol = record.bid_totvol;
+    inst.askTotVol = record.ask_totvol;
+    inst.bidTotAmount = record.bid_totamount;
+    inst.askTotAmount = record.ask_totamount;
+    inst.highestPrice = record.highest_price;
+    inst.lowestPrice = record.lowest_price;
+    for (int k = 0; k < kExchangeLevels; ++k) {
+        inst.bidPx[k] = record.bid_px[k];
+        inst.bidVol[k] = record.bid_vol[k];
+        inst.askPx[k] = record.ask_px[k];
+        inst.askVol[k] = record.ask_vol[k];
+    }
+    return inst;
+}
+
+class DumpCheckTest : public DumpToolTest {
+protected:
+    DumpCheckTest() {
+        SimState state;
+        for (uint32_t slot : {0u, 1u, kCrudeSlot}) {
+            state.instruments.push_back(expected_of(Slot(slot), slot));
+        }
+        std::string error;
+        EXPECT_TRUE(write_sim_state(m_path, state, error)) << error;
+    }
+
+    CTempDir m_dir;
+    const std::string m_path = m_dir.Path() + "/expect.json";
+};
+
+TEST_F(DumpCheckTest, EqualBooksExitZero) {
+    const RunResult result = run_dump({"--check", m_path});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "3 instruments checked against " + m_path + ": all equal\n");
+    EXPECT_EQ(result.err, "");
+    // Fields the file does not give are not compared.
+    Slot(0).update_time = 100000;
+    Slot(0).bid_px[7] = 1;
+    EXPECT_EQ(run_dump({"--check=" + m_path}).status, 0);
+}
+
+TEST_F(DumpCheckTest, OneChangedFieldIsNamedWithBothValues) {
+    Slot(kCrudeSlot).bid_px[0] = std::nextafter(512.0, 0.0);
+    RunResult result = run_dump({"--check", m_path});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out,
+              "sc2501 INE slot 20477 bid_px[0]: 511.99999999999994 in shared memory, 512 expected\n"
+              "3 instruments checked against " +
+                  m_path + ": 1 difference in 1 instrument\n");
+    EXPECT_EQ(result.err, "");
+
+    Slot(kCrudeSlot).bid_px[0] = 512.0;
+    Slot(0).volume = 1235;
+    set_id(Slot(1), "al2502");
+    result = run_dump({"--check", m_path});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out,
+              "cu2501 SHFE slot 0 volume: 1235 in shared memory, 1234 expected\n"
+              "al2501 SHFE slot 1 id: \"al2502\" in shared memory, \"al2501\" expected\n"
+              "3 instruments checked against " +
+                  m_path + ": 2 differences in 2 instruments\n");
+}
+
+TEST_F(DumpCheckTest, FirstTwentyDifferencesThenTheCountOfTheRest) {
+    for (int k = 0; k < kExchangeLevels; ++k) {
+        Slot(0).bid_px[k] += 1;
+        Slot(0).ask_px[k] += 1;
+        Slot(0).bid_vol[k] += 1;
+        Slot(0).ask_vol[k] += 1;
+        Slot(kCrudeSlot).ask_vol[k] += 1;
+    }
+    Slot(kCrudeSlot).change_no += 1;
+    const RunResult result = run_dump({"--check", m_path});
+    EXPECT_EQ(result.status, 1);
+    const std::vector<std::string> lines = lines_of(result.out);
+    ASSERT_EQ(lines.size(), 22u) << result.out;
+    for (size_t i = 0; i < 20; ++i) {
+        EXPECT_EQ(lines[i].rfind("cu2501 SHFE slot 0 ", 0), 0u) << lines[i];
+    }
+    EXPECT_EQ(lines[0], "cu2501 SHFE slot 0 bid_px[0]: 72001 in shared memory, 72000 expected");
+    EXPECT_EQ(lines[20], "... and 6 more differences");
+    EXPECT_EQ(lines[21], "3 instruments checked against " + m_path + ": 26 differences in 2 instruments");
+}
+
+TEST_F(DumpCheckTest, UnusableFilesExitTwoNamingTheFile) {
+    const std::string missing = m_dir.Path() + "/absent.json";
+    RunResult result = run_dump({"--check", missing});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "quvo-dump: cannot read " + missing + ": " + strerror(ENOENT) + "\n");
+
+    const std::string text = read_file(m_path);
+    const std::string bad = m_dir.WriteFile(
+        "bad.json", text.substr(0, text.find("\"volume\"", text.find("sc2501"))) + "\"volume\": x}]}");
+    result = run_dump({"--check", bad});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err.rfind("quvo-dump: " + bad + ":5: ", 0), 0u) << result.err;
+
+    std::string moved = text;
+    moved.replace(moved.find("\"slot\": 1,"), 11, "\"slot\": 2,");
+    const std::string misplaced = m_dir.WriteFile("misplaced.json", moved);
+    result = run_dump({"--check", misplaced});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "quvo-dump: " + misplaced +
+                              ": instrument 1 (al2501): slot 2 is not where SHFE instrument 1 goes\n");
+}
+
 class DumpWithoutSegmentsTest : public ::testing::Test {
 protected:
     CShmSandbox m_sandbox;
@@ -422,6 +562,19 @@ TEST_F(DumpWithoutSegmentsTest, AttachErrorIsPrintedAsTheReaderGivesIt) {
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.err,
               "key file " + m_sandbox.Dir() + "/absent/key_f does not exist: is QUVO_KEY_DIR right?\n");
+}
+
+TEST_F(DumpWithoutSegmentsTest, CheckWithoutSegmentsExitsTwo) {
+    CTempDir dir;
+    SimState state;
+    state.instruments.push_back(expected_of(copper_record(), 0));
+    std::string error;
+    ASSERT_TRUE(write_sim_state(dir.Path() + "/expect.json", state, error)) << error;
+    const RunResult result = run_dump({"--check", dir.Path() + "/expect.json"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "no market-data segment for key file " + m_sandbox.RingKeyPath() +
+                              ": is quvo-md running on this host?\n");
 }
 
 }  // namespace
