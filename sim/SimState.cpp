@@ -261,9 +261,9 @@ struct SourceNote {
 };
 
 // Builds the document the library's own parser would, and notes the line
-// each value starts on, by its JSON pointer. Unlike that parser it refuses a
-// repeated key, of which the last would silently win, and keeps hostile
-// nesting from growing the document.
+// each value starts on. Unlike that parser it refuses a repeated key, of
+// which the last would silently win, and keeps hostile nesting from growing
+// the document.
 class CDocumentBuilder : public nlohmann::json_sax<json> {
 public:
     CDocumentBuilder(std::string_view text, const CLineCounter& lines) : m_text(text), m_lines(lines) {}
@@ -281,7 +281,7 @@ public:
     bool end_array() override { return Close(); }
 
     bool key(string_t& key) override {
-        if (m_open.back().value->contains(key)) {
+        if (m_open.back()->contains(key)) {
             return Fail(m_lines.Line(), "duplicate key " + dump(key));
         }
         m_key = std::move(key);
@@ -303,22 +303,22 @@ public:
     int ErrorLine() const { return m_errorLine; }
     const std::string& Error() const { return m_error; }
 
-    // The note of the value at `pointer` ("" for the top level, else e.g.
-    // "/instruments/3/bid_px"); every value the document holds has one.
-    const SourceNote& Note(const std::string& pointer) const {
-        static const SourceNote s_none;
-        const auto found = m_notes.find(pointer);
+    // The note of the top level or of a member of an object.
+    const SourceNote& Note(const json& value) const {
+        const auto found = m_notes.find(&value);
         return found == m_notes.end() ? s_none : found->second;
+    }
+    // The note of item `index` of `array`.
+    const SourceNote& ItemNote(const json& array, size_t index) const {
+        const auto found = m_itemNotes.find(array.get_ptr<const json::array_t*>());
+        return found == m_itemNotes.end() || index >= found->second.size() ? s_none : found->second[index];
     }
 
 private:
     // Far deeper than the expected-state shape.
     static constexpr size_t kMaxDepth = 64;
 
-    struct OpenValue {
-        json* value;
-        json::json_pointer pointer;
-    };
+    static inline const SourceNote s_none;
 
     // "[json.exception.parse_error.101] parse error at line 2, column 1: syntax
     // error ..." without the library's tag and position: the caller gives
@@ -342,30 +342,29 @@ private:
         return false;
     }
 
-    json::json_pointer ChildPointer() const {
-        if (m_open.empty()) {
-            return json::json_pointer();
-        }
-        const OpenValue& parent = m_open.back();
-        return parent.value->is_array() ? parent.pointer / parent.value->size() : parent.pointer / m_key;
-    }
-
-    json* Insert(json&& value) {
+    // A member of an object stays where it was put (a node of the object's
+    // map), and so does the top level; an item moves as its array grows, so
+    // items are noted by their array's contents, which never move, and index.
+    json* Insert(json&& value, const std::string& written) {
+        const SourceNote note{m_lines.Line(), written};
         if (m_open.empty()) {
             m_root = std::move(value);
+            m_notes[&m_root] = note;
             return &m_root;
         }
-        json& parent = *m_open.back().value;
+        json& parent = *m_open.back();
         if (parent.is_array()) {
+            m_itemNotes[parent.get_ptr<const json::array_t*>()].push_back(note);
             parent.push_back(std::move(value));
             return &parent.back();
         }
-        return &(parent[m_key] = std::move(value));
+        json& member = parent[m_key] = std::move(value);
+        m_notes[&member] = note;
+        return &member;
     }
 
     bool Add(json&& value, const std::string& written = "") {
-        m_notes[ChildPointer().to_string()] = SourceNote{m_lines.Line(), written};
-        Insert(std::move(value));
+        Insert(std::move(value), written);
         return true;
     }
 
@@ -374,9 +373,7 @@ private:
             return Fail(m_lines.Line(), "values nested no deeper than " + std::to_string(kMaxDepth) +
                                             " levels, found '" + bracket + "'");
         }
-        json::json_pointer pointer = ChildPointer();
-        m_notes[pointer.to_string()] = SourceNote{m_lines.Line(), ""};
-        m_open.push_back({Insert(std::move(value)), std::move(pointer)});
+        m_open.push_back(Insert(std::move(value), ""));
         return true;
     }
 
@@ -388,9 +385,10 @@ private:
     std::string_view m_text;
     const CLineCounter& m_lines;
     json m_root;
-    std::vector<OpenValue> m_open;
+    std::vector<json*> m_open;
     std::string m_key;
-    std::unordered_map<std::string, SourceNote> m_notes;
+    std::unordered_map<const json*, SourceNote> m_notes;
+    std::unordered_map<const json::array_t*, std::vector<SourceNote>> m_itemNotes;
     int m_errorLine = 0;
     std::string m_error;
 };
@@ -462,11 +460,11 @@ std::string integer_range() {
 class CObjectReader {
 public:
     CObjectReader(const std::string& source, const CDocumentBuilder& document, const json& object,
-                  std::string pointer, std::string context, std::string& error)
+                  const SourceNote& objectNote, std::string context, std::string& error)
         : m_source(source),
           m_document(document),
           m_object(object),
-          m_pointer(std::move(pointer)),
+          m_objectLine(objectNote.line),
           m_context(std::move(context)),
           m_error(error) {}
 
@@ -480,7 +478,7 @@ public:
             return false;
         }
         if (!double_from(*found, value)) {
-            return FailAt(key, quote(key) + " must be a finite number, not " + Describe(key, *found));
+            return FailAt(found, quote(key) + " must be a finite number, not " + Describe(found));
         }
         return true;
     }
@@ -491,7 +489,7 @@ public:
             return false;
         }
         if (!found->is_string()) {
-            return FailAt(key, quote(key) + " must be a string, not " + Describe(key, *found));
+            return FailAt(found, quote(key) + " must be a string, not " + Describe(found));
         }
         value = found->get<std::string>();
         return true;
@@ -503,7 +501,7 @@ public:
             return false;
         }
         if (!found->is_string() || !sim_parse_exchange(found->get<std::string>(), value)) {
-            return FailAt(key, quote(key) + " must be \"SHFE\" or \"INE\"");
+            return FailAt(found, quote(key) + " must be \"SHFE\" or \"INE\"");
         }
         return true;
     }
@@ -514,7 +512,7 @@ public:
             return false;
         }
         if (!found->is_string() || !sim_parse_kind(found->get<std::string>(), value)) {
-            return FailAt(key, quote(key) + " must be one of \"future\", \"option\", \"tas\", \"spread\"");
+            return FailAt(found, quote(key) + " must be one of \"future\", \"option\", \"tas\", \"spread\"");
         }
         return true;
     }
@@ -529,8 +527,8 @@ public:
             good = double_from((*found)[level], values[level]);
         }
         if (!good) {
-            return FailAt(
-                key, quote(key) + " must be an array of " + std::to_string(kSimPublishedLevels) + " numbers");
+            return FailAt(found, quote(key) + " must be an array of " + std::to_string(kSimPublishedLevels) +
+                                     " numbers");
         }
         return true;
     }
@@ -545,8 +543,8 @@ public:
             good = integer_from((*found)[level], values[level]);
         }
         if (!good) {
-            return FailAt(key, quote(key) + " must be an array of " + std::to_string(kSimPublishedLevels) +
-                                   " integers " + integer_range<int32_t>());
+            return FailAt(found, quote(key) + " must be an array of " + std::to_string(kSimPublishedLevels) +
+                                     " integers " + integer_range<int32_t>());
         }
         return true;
     }
@@ -555,13 +553,11 @@ public:
     const json* Find(const char* key) {
         const auto found = m_object.find(key);
         if (found == m_object.end()) {
-            Fail(m_document.Note(m_pointer).line, "missing " + quote(key));
+            Fail(m_objectLine, "missing " + quote(key));
             return nullptr;
         }
         return &*found;
     }
-
-    std::string Pointer(const char* key) const { return m_pointer + "/" + key; }
 
     bool Fail(int line, const std::string& what) {
         m_error = m_source + ":" + std::to_string(line) + ": " + m_context + what;
@@ -569,13 +565,11 @@ public:
     }
 
 private:
-    bool FailAt(const char* key, const std::string& what) {
-        return Fail(m_document.Note(Pointer(key)).line, what);
+    bool FailAt(const json* found, const std::string& what) {
+        return Fail(m_document.Note(*found).line, what);
     }
 
-    std::string Describe(const char* key, const json& value) const {
-        return describe(value, m_document.Note(Pointer(key)));
-    }
+    std::string Describe(const json* found) const { return describe(*found, m_document.Note(*found)); }
 
     template <typename T>
     bool Integer(const char* key, T& value) {
@@ -584,8 +578,8 @@ private:
             return false;
         }
         if (!integer_from(*found, value)) {
-            return FailAt(key, quote(key) + " must be an integer " + integer_range<T>() + ", not " +
-                                   Describe(key, *found));
+            return FailAt(
+                found, quote(key) + " must be an integer " + integer_range<T>() + ", not " + Describe(found));
         }
         return true;
     }
@@ -593,7 +587,7 @@ private:
     const std::string& m_source;
     const CDocumentBuilder& m_document;
     const json& m_object;
-    std::string m_pointer;
+    int m_objectLine;
     std::string m_context;
     std::string& m_error;
 };
@@ -616,10 +610,10 @@ bool parse_state(const std::string& text, const std::string& source, SimState& s
         return false;
     }
     const json& root = document.Root();
-    CObjectReader top(source, document, root, "", "", error);
+    const SourceNote& rootNote = document.Note(root);
+    CObjectReader top(source, document, root, rootNote, "", error);
     if (!root.is_object()) {
-        return top.Fail(document.Note("").line,
-                        "the top level must be an object, not " + describe(root, document.Note("")));
+        return top.Fail(rootNote.line, "the top level must be an object, not " + describe(root, rootNote));
     }
     SimState read;
     if (!for_each_count(read, top)) {
@@ -629,7 +623,7 @@ bool parse_state(const std::string& text, const std::string& source, SimState& s
     if (instruments == nullptr) {
         return false;
     }
-    const SourceNote& listNote = document.Note("/instruments");
+    const SourceNote& listNote = document.Note(*instruments);
     if (!instruments->is_array()) {
         return top.Fail(listNote.line, "\"instruments\" must be an array of objects, not " +
                                            describe(*instruments, listNote));
@@ -637,12 +631,11 @@ bool parse_state(const std::string& text, const std::string& source, SimState& s
     read.instruments.resize(instruments->size());
     for (size_t index = 0; index < instruments->size(); ++index) {
         const json& item = (*instruments)[index];
-        const std::string pointer = "/instruments/" + std::to_string(index);
-        CObjectReader fields(source, document, item, pointer, "instrument " + std::to_string(index) + ": ",
+        const SourceNote& itemNote = document.ItemNote(*instruments, index);
+        CObjectReader fields(source, document, item, itemNote, "instrument " + std::to_string(index) + ": ",
                              error);
         if (!item.is_object()) {
-            return fields.Fail(document.Note(pointer).line,
-                               "must be an object, not " + describe(item, document.Note(pointer)));
+            return fields.Fail(itemNote.line, "must be an object, not " + describe(item, itemNote));
         }
         if (!for_each_field(read.instruments[index], fields)) {
             return false;

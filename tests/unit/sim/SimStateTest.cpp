@@ -520,6 +520,9 @@ TEST(SimStateTest, AnInstrumentThatIsNotAnObjectIsNamed) {
     const std::string text = "{\"seed\": 1, \"records\": 2, \"snapshots\": 3,\n\"instruments\": [\n{" +
                              join_fields(instrument_fields()) + "},\n[1]]}";
     EXPECT_EQ(parse_error(text), "<input>:4: instrument 1: must be an object, not an array");
+    const std::string scalar = "{\"seed\": 1, \"records\": 2, \"snapshots\": 3,\n\"instruments\": [\n{" +
+                               join_fields(instrument_fields()) + "},\n\n-4.50e1]}";
+    EXPECT_EQ(parse_error(scalar), "<input>:5: instrument 1: must be an object, not -4.50e1");
 }
 
 TEST(SimStateTest, DuplicateKeysAreRefused) {
