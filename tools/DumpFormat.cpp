@@ -55,11 +55,12 @@ void trim_line_end(std::string& text) {
 }
 
 // Accepts a value as a whole number of units of the last decimal when it lies
-// within a few units in the last place of one: the error that tick
-// arithmetic in doubles leaves behind.
+// within 1e-11 of one, relatively: tens of thousands of units in the last
+// place, more than tick arithmetic and long sums of amounts leave behind, yet
+// far below any digit a price or amount really has.
 bool fits_decimals(double value, int decimals) {
     const double scaled = value * std::pow(10.0, decimals);
-    return std::fabs(scaled - std::nearbyint(scaled)) <= 1e-9 * std::max(1.0, std::fabs(scaled));
+    return std::fabs(scaled - std::nearbyint(scaled)) <= 1e-11 * std::max(1.0, std::fabs(scaled));
 }
 
 }  // namespace

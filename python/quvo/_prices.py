@@ -13,10 +13,10 @@ MAX_PRICE_DECIMALS = 8
 
 
 def _fits_decimals(value: float, decimals: int) -> bool:
-    # A whole number of units of the last decimal, give or take a few units in
-    # the last place of the double.
+    # A whole number of units of the last decimal, within 1e-11 relatively:
+    # more than tick arithmetic and long sums leave, far below a real digit.
     scaled = value * 10.0**decimals
-    return abs(scaled - round(scaled)) <= 1e-9 * max(1.0, abs(scaled))
+    return abs(scaled - round(scaled)) <= 1e-11 * max(1.0, abs(scaled))
 
 
 def price_decimals(values) -> int:

@@ -78,6 +78,10 @@ class FormatPriceTest(unittest.TestCase):
         self.assertEqual(quvo.format_amount(14400000.25), "14400000.25")
         self.assertEqual(quvo.format_amount(7200000.0), "7200000")
         self.assertEqual(quvo.format_amount(0.123456789), "0.123456789")
+        # Real digits are never taken for noise, in large values or tiny ones.
+        self.assertEqual(quvo.price_decimals([12345.678901]), 6)
+        self.assertEqual(quvo.price_decimals([1e-9]), -1)
+        self.assertEqual(quvo.format_amount(4320600.000000001), "4320600")
 
 
 TICKS = (0.01, 0.02, 0.05, 0.1, 0.2, 0.5, 1.0, 2.0, 5.0, 10.0, 0.25, 0.125, 2.5)

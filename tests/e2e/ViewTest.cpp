@@ -6,6 +6,7 @@
 #include <sys/shm.h>
 #include <time.h>
 #include <unistd.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -83,29 +84,28 @@ struct dump_record {
     std::string line;
     std::string id;
     std::string exchange;
+    nlohmann::json object;
 
+    // A string as it is, a number as quvo-dump wrote it.
     std::string Raw(const std::string& key) const {
-        const std::string tag = "\"" + key + "\":";
-        size_t at = line.find(tag);
-        if (at == std::string::npos) {
+        const auto found = object.find(key);
+        if (found == object.end()) {
             ADD_FAILURE() << "no " << key << " in " << line;
             return "";
         }
-        at += tag.size();
-        if (line[at] == '"') {
-            return line.substr(at + 1, line.find('"', at + 1) - at - 1);
-        }
-        if (line[at] == '[') {
-            return line.substr(at + 1, line.find(']', at) - at - 1);
-        }
-        return line.substr(at, line.find_first_of(",}", at) - at);
+        return found->is_string() ? found->get<std::string>() : found->dump();
     }
-    double Number(const std::string& key) const { return strtod(Raw(key).c_str(), nullptr); }
+    double Number(const std::string& key) const {
+        const auto found = object.find(key);
+        return found != object.end() && found->is_number() ? found->get<double>() : 0.0;
+    }
     std::vector<double> Array(const std::string& key) const {
         std::vector<double> values;
-        std::istringstream in(Raw(key));
-        for (std::string item; std::getline(in, item, ',');) {
-            values.push_back(strtod(item.c_str(), nullptr));
+        const auto found = object.find(key);
+        if (found != object.end() && found->is_array()) {
+            for (const nlohmann::json& item : *found) {
+                values.push_back(item.is_number() ? item.get<double>() : 0.0);
+            }
         }
         EXPECT_EQ(values.size(), 10u) << key;
         values.resize(10);
@@ -285,7 +285,11 @@ protected:
             return records;
         }
         for (const std::string& line : split_lines(read_file(output))) {
-            dump_record record{line, "", ""};
+            dump_record record{line, "", "", nlohmann::json::parse(line, nullptr, false)};
+            if (!record.object.is_object()) {
+                ADD_FAILURE() << "not a JSON object: " << line;
+                continue;
+            }
             record.id = record.Raw("id");
             record.exchange = record.Raw("exchange");
             records.push_back(record);

@@ -197,6 +197,13 @@ TEST(PriceTextTest, DecimalsAreTheFewestThatReproduceEveryPrice) {
     const double empty[] = {0.0, NAN, INFINITY};
     EXPECT_EQ(price_decimals(empty, 3), 0);
     EXPECT_EQ(price_decimals(nullptr, 0), 0);
+    // Real digits are never taken for noise, in large values or tiny ones.
+    const double many[] = {12345.678901};
+    EXPECT_EQ(price_decimals(many, 1), 6);
+    const double tiny[] = {1e-9};
+    EXPECT_EQ(price_decimals(tiny, 1), -1);
+    EXPECT_EQ(format_amount(1e-9), "1e-09");
+    EXPECT_EQ(format_amount(4320600.000000001), "4320600");
 }
 
 TEST(PriceTextTest, InstrumentDecimalsCoverLastHighLowAndEveryLevel) {
