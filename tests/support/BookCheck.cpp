@@ -85,3 +85,31 @@ std::vector<std::string> check_ring(const uint16_t* ring, const share& area, siz
     }
     return out;
 }
+
+SimInstrumentState expected_of_record(const instrument& record, uint32_t slot) {
+    SimInstrumentState inst;
+    const bool ine = quvo_slot_is_ine(slot);
+    inst.exchange = ine ? ESimExchange::INE : ESimExchange::SHFE;
+    inst.instNo = static_cast<int32_t>(ine ? QUVO_INST_SLOTS - 1 - slot : slot);
+    inst.slot = static_cast<int32_t>(slot);
+    inst.id.assign(reinterpret_cast<const char*>(record.inst_id),
+                   strnlen(reinterpret_cast<const char*>(record.inst_id), sizeof(record.inst_id)));
+    inst.changeNo = record.change_no;
+    inst.lastPx = record.last_px;
+    inst.volume = record.volume;
+    inst.turnover = record.turnover;
+    inst.openInterest = record.open_interest;
+    inst.bidTotVol = record.bid_totvol;
+    inst.askTotVol = record.ask_totvol;
+    inst.bidTotAmount = record.bid_totamount;
+    inst.askTotAmount = record.ask_totamount;
+    inst.highestPrice = record.highest_price;
+    inst.lowestPrice = record.lowest_price;
+    for (int k = 0; k < kSimPublishedLevels; ++k) {
+        inst.bidPx[k] = record.bid_px[k];
+        inst.bidVol[k] = record.bid_vol[k];
+        inst.askPx[k] = record.ask_px[k];
+        inst.askVol[k] = record.ask_vol[k];
+    }
+    return inst;
+}

@@ -32,3 +32,7 @@ std::vector<std::string> compare_books(const share& area, const SimState& expect
 // slots up to the first end marker, end markers after it. Returns the
 // problems found; `announced` receives the number of entries.
 std::vector<std::string> check_ring(const uint16_t* ring, const share& area, size_t& announced);
+
+// The expected state that `record` in `slot` matches field for field (the
+// exchange and instrument number from the slot, the identifier up to its NUL).
+SimInstrumentState expected_of_record(const instrument& record, uint32_t slot);

@@ -8,36 +8,15 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/BookCheck.h"
 #include "tests/support/Records.h"
 
 namespace {
 
 // What the simulator expects of cu2501 as copper_record() holds it.
 SimInstrumentState copper_state() {
-    const instrument record = copper_record();
-    SimInstrumentState inst;
-    inst.exchange = ESimExchange::SHFE;
-    inst.instNo = 0;
-    inst.slot = 0;
-    inst.id = "cu2501";
+    SimInstrumentState inst = expected_of_record(copper_record(), 0);
     inst.priceTick = 10;
-    inst.changeNo = record.change_no;
-    inst.lastPx = record.last_px;
-    inst.volume = record.volume;
-    inst.turnover = record.turnover;
-    inst.openInterest = record.open_interest;
-    inst.bidTotVol = record.bid_totvol;
-    inst.askTotVol = record.ask_totvol;
-    inst.bidTotAmount = record.bid_totamount;
-    inst.askTotAmount = record.ask_totamount;
-    inst.highestPrice = record.highest_price;
-    inst.lowestPrice = record.lowest_price;
-    for (int k = 0; k < kSimPublishedLevels; ++k) {
-        inst.bidPx[k] = record.bid_px[k];
-        inst.bidVol[k] = record.bid_vol[k];
-        inst.askPx[k] = record.ask_px[k];
-        inst.askVol[k] = record.ask_vol[k];
-    }
     return inst;
 }
 

@@ -13,6 +13,7 @@
 #include "sim/SimState.h"
 #include "src/api/SharedSegments.h"
 #include "src/api/UpdateRing.h"
+#include "tests/support/BookCheck.h"
 #include "tests/support/FeedSegments.h"
 #include "tests/support/PipedProcess.h"
 #include "tests/support/Records.h"
@@ -433,39 +434,12 @@ std::vector<std::string> lines_of(const std::string& text) {
     return lines;
 }
 
-// The simulator's expected state of a record, field for field.
-SimInstrumentState expected_of(const instrument& record, uint32_t slot) {
-    SimInstrumentState inst;
-    inst.exchange = quvo_slot_is_ine(slot) ? ESimExchange::INE : ESimExchange::SHFE;
-    inst.instNo = static_cast<int32_t>(inst_no_of(slot));
-    inst.slot = static_cast<int32_t>(slot);
-    inst.id = inst_id_text(record);
-    inst.changeNo = record.change_no;
-    inst.lastPx = record.last_px;
-    inst.volume = record.volume;
-    inst.turnover = record.turnover;
-    inst.openInterest = record.open_interest;
-    inst.bidTotVol = record.bid_totvol;
-    inst.askTotVol = record.ask_totvol;
-    inst.bidTotAmount = record.bid_totamount;
-    inst.askTotAmount = record.ask_totamount;
-    inst.highestPrice = record.highest_price;
-    inst.lowestPrice = record.lowest_price;
-    for (int k = 0; k < kExchangeLevels; ++k) {
-        inst.bidPx[k] = record.bid_px[k];
-        inst.bidVol[k] = record.bid_vol[k];
-        inst.askPx[k] = record.ask_px[k];
-        inst.askVol[k] = record.ask_vol[k];
-    }
-    return inst;
-}
-
 class DumpCheckTest : public DumpToolTest {
 protected:
     DumpCheckTest() {
         SimState state;
         for (uint32_t slot : {0u, 1u, kCrudeSlot}) {
-            state.instruments.push_back(expected_of(Slot(slot), slot));
+            state.instruments.push_back(expected_of_record(Slot(slot), slot));
         }
         std::string error;
         EXPECT_TRUE(write_sim_state(m_path, state, error)) << error;
@@ -574,7 +548,7 @@ TEST_F(DumpWithoutSegmentsTest, AttachErrorIsPrintedAsTheReaderGivesIt) {
 TEST_F(DumpWithoutSegmentsTest, CheckWithoutSegmentsExitsTwo) {
     CTempDir dir;
     SimState state;
-    state.instruments.push_back(expected_of(copper_record(), 0));
+    state.instruments.push_back(expected_of_record(copper_record(), 0));
     std::string error;
     ASSERT_TRUE(write_sim_state(dir.Path() + "/expect.json", state, error)) << error;
     const RunResult result = run_dump({"--check", dir.Path() + "/expect.json"});
