@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Sets up a fresh machine, then builds and runs every test in the release and
-# asan (AddressSanitizer + UndefinedBehaviorSanitizer) presets, and in the card
+# Sets up a fresh machine, then builds and runs every test in the release,
+# asan (AddressSanitizer + UndefinedBehaviorSanitizer) and tsan
+# (ThreadSanitizer) presets, and in the card
 # preset (the card library built from its source, QUVO_EXANIC_SRC, default
 # ../shared/libexanic), then fuzzes the decoded-record parser and the snapshot
 # packet handler for a bounded time (fuzz preset). Fails if any step fails.
@@ -9,7 +10,7 @@ cd "$(dirname "$0")/.."
 
 scripts/setup.sh
 
-for preset in release asan; do
+for preset in release asan tsan; do
     echo "=== $preset: configure"
     cmake --preset "$preset"
     echo "=== $preset: build"
@@ -17,7 +18,7 @@ for preset in release asan; do
     echo "=== $preset: test"
     ctest --preset "$preset"
 done
-echo "=== all tests passed in release and asan"
+echo "=== all tests passed in release, asan and tsan"
 
 exanic_src="${QUVO_EXANIC_SRC:-../shared/libexanic}"
 if [ -f "$exanic_src/fifo_rx.c" ]; then
