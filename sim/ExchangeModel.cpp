@@ -292,6 +292,11 @@ bool CExchangeModel::Step(unsigned exchanges, SimFrames& out) {
     if (revealing) {
         index = static_cast<size_t>(m_forced);
         m_forced = -1;
+        // A snapshot taken after the loss already holds the lost change.
+        if (m_snapshots == m_snapshotsAtLoss && !m_gapSinceSnapshot) {
+            ++m_gaps;
+            m_gapSinceSnapshot = true;
+        }
     } else {
         index = _PickInstrument(exchanges);
     }
@@ -365,6 +370,7 @@ bool CExchangeModel::Step(unsigned exchanges, SimFrames& out) {
     const bool roomForNext = m_options.records == 0 || m_records < m_options.records;
     if (roomForNext && !revealing && m_faults.Chance(m_options.gap)) {
         m_forced = static_cast<int64_t>(index);
+        m_snapshotsAtLoss = m_snapshots;
         m_lastLost = true;
         return true;
     }
@@ -571,6 +577,7 @@ SimState CExchangeModel::GetState() const {
     state.seed = m_options.seed;
     state.records = m_records;
     state.snapshots = m_snapshots;
+    state.gaps = m_gaps;
     state.instruments.reserve(m_instruments.size());
     for (const Instrument& inst : m_instruments) {
         SimInstrumentState s = inst.state;
@@ -758,6 +765,7 @@ bool SendConnection(const std::vector<char>& stream, TcpSegmentSpec spec, const 
 
 void CExchangeModel::BuildSnapshotFrames(unsigned exchanges, SimFrames& out) {
     ++m_snapshots;
+    m_gapSinceSnapshot = false;
     std::vector<std::vector<char>> streams[2];
     for (int e = 0; e < 2; ++e) {
         if ((exchanges & (1u << e)) && m_exchangeEnd[e] > m_exchangeBegin[e]) {

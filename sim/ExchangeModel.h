@@ -67,6 +67,8 @@ public:
 
     // Whether the last Step lost its record on purpose (a gap fault).
     bool LastStepLost() const { return m_lastLost; }
+    // Whether a lost record still waits for the record that reveals it.
+    bool HasUnrevealedLoss() const { return m_forced >= 0; }
 
     SimState GetState() const;
     const SimOptions& GetOptions() const { return m_options; }
@@ -141,6 +143,11 @@ private:
     uint16_t m_nextSourcePort = 40000;
     // The instrument whose next record reveals a lost one, or -1.
     int64_t m_forced = -1;
+    uint64_t m_snapshotsAtLoss = 0;
+    // Losses the feed sees; it drops every record after the first until its
+    // fresh snapshot, so only that one counts.
+    uint64_t m_gaps = 0;
+    bool m_gapSinceSnapshot = false;
     bool m_lastLost = false;
     std::vector<std::vector<char>> m_history;  // recent records, for stale repeats
     size_t m_historyNext = 0;

@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "src/dev/Registers.h"
-#include "src/dev/soft/ReplayClock.h"
 #include "src/dev/soft/SoftCard.h"
 
 namespace {
@@ -19,8 +18,8 @@ inline uint32_t Register(volatile uint32_t* registers, uint32_t index) {
 
 }  // namespace
 
-CSimDevice::CSimDevice(const SimOptions& options, volatile uint32_t* registers)
-    : m_options(options), m_model(options), m_pRegisters(registers) {}
+CSimDevice::CSimDevice(const SimOptions& options, volatile uint32_t* registers, int64_t (*clock)())
+    : m_options(options), m_model(options), m_pRegisters(registers), m_clock(clock) {}
 
 std::unique_ptr<CSoftSource> CSimDevice::Create(const std::string& text, volatile uint32_t* registers,
                                                 std::string& error) {
@@ -108,11 +107,19 @@ ESoftNext CSimDevice::_NextDecoded(SoftFrameRef& frame) {
         if (m_recordsDone.load(std::memory_order_relaxed)) {
             return SOFT_NEXT_NONE;
         }
+        const bool timed = m_options.rate > 0 || m_options.seconds > 0;
+        const int64_t now = timed ? m_clock() : 0;
+        if (timed && m_startNs < 0) {
+            m_startNs = now;
+        }
+        // A lost record is revealed before the end, so that the feed restarts
+        // and the books end as the model's.
+        if (m_options.seconds > 0 && !m_model.HasUnrevealedLoss() &&
+            static_cast<double>(now - m_startNs) >= m_options.seconds * 1e9) {
+            m_recordsDone.store(true, std::memory_order_relaxed);
+            return SOFT_NEXT_NONE;
+        }
         if (m_options.rate > 0) {
-            const int64_t now = monotonic_ns();
-            if (m_startNs < 0) {
-                m_startNs = now;
-            }
             const auto due =
                 static_cast<uint64_t>(static_cast<double>(now - m_startNs) * m_options.rate / 1e9);
             if (m_steps >= due) {

@@ -10,11 +10,13 @@
 #include <string>
 
 #include "sim/ExchangeModel.h"
+#include "src/dev/soft/ReplayClock.h"
 #include "src/dev/soft/SoftSource.h"
 
 class CSimDevice final : public CSoftSource {
 public:
-    CSimDevice(const SimOptions& options, volatile uint32_t* registers);
+    // `clock` gives monotonic nanoseconds for `rate` and `seconds`.
+    CSimDevice(const SimOptions& options, volatile uint32_t* registers, int64_t (*clock)() = monotonic_ns);
     ~CSimDevice() override;
     CSimDevice(const CSimDevice&) = delete;
     CSimDevice& operator=(const CSimDevice&) = delete;
@@ -28,7 +30,8 @@ public:
     ESoftNext Next(int port, SoftFrameRef& frame) override {
         return port == 0 ? _NextDecoded(frame) : _NextRaw(frame);
     }
-    // Every record sent (when a limit is set) and no snapshot frame waiting.
+    // Every record sent (when `records` or `seconds` is set) and no snapshot
+    // frame waiting.
     bool IsIdle() const override;
     // The model's state goes to the expect= file, if one was named.
     void OnHandleReleased() override { WriteExpected(); }
@@ -52,6 +55,7 @@ private:
     SimOptions m_options;
     CExchangeModel m_model;
     volatile uint32_t* m_pRegisters;
+    int64_t (*m_clock)();
     // Main thread.
     SimFrames m_pending;
     size_t m_pendingNext = 0;

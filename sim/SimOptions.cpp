@@ -126,6 +126,11 @@ const std::vector<OptionSpec>& Specs() {
          Rate(&SimOptions::shortRecord)},
         {"bad_length", "per record: a frame longer than 2048 bytes comes first", false,
          Rate(&SimOptions::badLength)},
+        {"seconds", "stop making records this many seconds after the feed first reads one; 0 never stops",
+         true,
+         [](SimOptions& o, const std::string& v) -> const char* {
+             return ParseReal(v, 0, 1e9, o.seconds) ? nullptr : "a number of seconds >= 0";
+         }},
         {"expect", "write the expected books as JSON to this file when the card is released", true,
          [](SimOptions& o, const std::string& v) -> const char* {
              if (v.empty()) {

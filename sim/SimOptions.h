@@ -36,10 +36,11 @@ struct SimOptions {
     // Software card only.
     std::string expectPath;
     double exitSeconds = -1;
+    double seconds = 0;  // stop making records this long after the first read; 0: never
 };
 
 // Applies one key=value setting. Returns false with `error` naming the key.
-// `forDevice` allows the software-card-only keys (expect, exit).
+// `forDevice` allows the software-card-only keys (seconds, expect, exit).
 bool sim_set_option(SimOptions& options, const std::string& key, const std::string& value, bool forDevice,
                     std::string& error);
 

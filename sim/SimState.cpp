@@ -41,7 +41,7 @@ bool for_each_field(Instrument& inst, Visitor& visit) {
 template <typename State, typename Visitor>
 bool for_each_count(State& state, Visitor& visit) {
     return visit("seed", state.seed) && visit("records", state.records) &&
-           visit("snapshots", state.snapshots);
+           visit("snapshots", state.snapshots) && visit("gaps", state.gaps);
 }
 
 std::string dump(const ordered_json& value) {

@@ -52,8 +52,9 @@ struct SimInstrumentState {
 
 struct SimState {
     uint64_t seed = 0;
-    uint64_t records = 0;    // decoded records delivered to the feed
+    uint64_t records = 0;    // decoded records made, the lost ones included
     uint64_t snapshots = 0;  // snapshots sent
+    uint64_t gaps = 0;       // lost records the feed sees, each a restart
     std::vector<SimInstrumentState> instruments;
 
     bool operator==(const SimState&) const = default;

@@ -5,9 +5,17 @@
 #include <set>
 
 #include "interface/commonheader.h"
+#include "sim/SimDevice.h"
 #include "sim/SimOptions.h"
+#include "src/dev/Registers.h"
 
 namespace {
+
+int64_t g_nowNs = 0;
+
+int64_t FakeClock() {
+    return g_nowNs;
+}
 
 SimOptions Market(int shfe, int ine, uint64_t seed = 1) {
     SimOptions options;
@@ -146,6 +154,42 @@ TEST(ExchangeModel, ALostRecordIsFollowedByOneOfTheSameInstrument) {
     EXPECT_GT(lost, 50);
 }
 
+TEST(ExchangeModel, CountsTheGapsTheFeedSees) {
+    SimOptions options = Market(20, 5);
+    options.gap = 1;  // every record but a revealing one is lost
+    CExchangeModel model(options);
+    SimFrames frames;
+    const auto step = [&](bool lost) {
+        frames.Clear();
+        ASSERT_TRUE(model.Step(3, frames));
+        EXPECT_EQ(model.LastStepLost(), lost);
+        EXPECT_EQ(model.HasUnrevealedLoss(), lost);
+    };
+    step(true);
+    EXPECT_EQ(model.GetState().gaps, 0u);
+    step(false);
+    EXPECT_EQ(model.GetState().gaps, 1u);
+    // The feed restarts at the first gap and drops what follows until its
+    // fresh snapshot, so a second loss before that snapshot is never seen.
+    step(true);
+    step(false);
+    EXPECT_EQ(model.GetState().gaps, 1u);
+    model.BuildSnapshotFrames(3, frames);
+    step(true);
+    step(false);
+    EXPECT_EQ(model.GetState().gaps, 2u);
+    // A snapshot between a loss and its reveal already holds the lost change.
+    step(true);
+    model.BuildSnapshotFrames(3, frames);
+    step(false);
+    EXPECT_EQ(model.GetState().gaps, 2u);
+    step(true);
+    step(false);
+    EXPECT_EQ(model.GetState().gaps, 3u);
+    EXPECT_EQ(model.GetState().records, 10u);
+    EXPECT_EQ(model.GetState().snapshots, 2u);
+}
+
 TEST(ExchangeModel, StopsAtTheRecordLimit) {
     SimOptions options = Market(10, 0);
     options.records = 25;
@@ -177,6 +221,52 @@ TEST(ExchangeModel, SnapshotMessagesOpenAndCloseTheSnapshot) {
     EXPECT_EQ(firstField, 0x1001);  // the SnapField comes first
 }
 
+TEST(SimDevice, StopsMakingRecordsAfterTheSecondsOnceALossIsRevealed) {
+    SimOptions options = Market(20, 5);
+    options.rate = 0;
+    options.seconds = 2;
+    options.gap = 1;  // lost, revealed, lost, revealed...
+    std::vector<uint32_t> registers(2048, 0);
+    registers[REG_SHFE_A_ADDR] = 1;
+    registers[REG_INE_A_ADDR] = 1;
+    registers[REG_DECODE_DATA] = 1;
+    g_nowNs = 1000;
+    CSimDevice device(options, registers.data(), FakeClock);
+    SoftFrameRef frame{};
+    int frames = 0;
+    for (int i = 0; i < 100; ++i) {
+        frames += device.Next(0, frame) == SOFT_NEXT_FRAME ? 1 : 0;
+    }
+    EXPECT_EQ(frames, 50);
+    g_nowNs += 1999999999;
+    EXPECT_EQ(device.Next(0, frame), SOFT_NEXT_NONE);  // lost
+    EXPECT_EQ(device.Next(0, frame), SOFT_NEXT_FRAME);
+    EXPECT_EQ(device.Next(0, frame), SOFT_NEXT_NONE);  // lost
+    EXPECT_FALSE(device.IsIdle());
+    g_nowNs += 1;
+    // time is up: held: one lost record; its reveal still comes, then nothing
+    EXPECT_EQ(device.Next(0, frame), SOFT_NEXT_FRAME);
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_EQ(device.Next(0, frame), SOFT_NEXT_NONE);
+    }
+    EXPECT_TRUE(device.IsIdle());
+}
+
+TEST(SimDevice, WithoutSecondsRecordsNeverStop) {
+    SimOptions options = Market(20, 5);
+    options.rate = 0;
+    std::vector<uint32_t> registers(2048, 0);
+    registers[REG_SHFE_A_ADDR] = 1;
+    registers[REG_DECODE_DATA] = 1;
+    g_nowNs = 0;
+    CSimDevice device(options, registers.data(), FakeClock);
+    SoftFrameRef frame{};
+    EXPECT_EQ(device.Next(0, frame), SOFT_NEXT_FRAME);
+    g_nowNs = int64_t{1} << 60;
+    EXPECT_EQ(device.Next(0, frame), SOFT_NEXT_FRAME);
+    EXPECT_FALSE(device.IsIdle());
+}
+
 TEST(SimOptions, DeviceStringsAndTheirErrors) {
     SimOptions options;
     std::string error;
@@ -198,8 +288,13 @@ TEST(SimOptions, DeviceStringsAndTheirErrors) {
     EXPECT_EQ(error, "simulator option 'speed' has no value (expected key=value)");
     EXPECT_FALSE(sim_parse_device_options("colour=red", options, error));
     EXPECT_EQ(error.rfind("unknown simulator option 'colour' (known: shfe, ine, seed,", 0), 0u) << error;
+    ASSERT_TRUE(sim_parse_device_options("seconds=90.5", options, error)) << error;
+    EXPECT_EQ(options.seconds, 90.5);
+    EXPECT_FALSE(sim_parse_device_options("seconds=-1", options, error));
+    EXPECT_EQ(error, "bad value '-1' for simulator option seconds: expected a number of seconds >= 0");
     // The card's own keys mean nothing to quvo-sim.
     EXPECT_FALSE(sim_set_option(options, "expect", "x", false, error));
+    EXPECT_FALSE(sim_set_option(options, "seconds", "1", false, error));
 }
 
 }  // namespace

@@ -88,7 +88,7 @@ SimInstrumentState instrument_value() {
 }
 
 Fields top_fields() {
-    return {{"seed", "1"}, {"records", "2"}, {"snapshots", "3"}};
+    return {{"seed", "1"}, {"records", "2"}, {"snapshots", "3"}, {"gaps", "4"}};
 }
 
 void set_field(Fields& fields, const std::string& key, const std::string& value) {
@@ -202,6 +202,7 @@ SimState awkward_state() {
     state.seed = 12345;
     state.records = 678;
     state.snapshots = 9;
+    state.gaps = 8;
     // Every field gets several of the values across the instruments.
     for (size_t index = 0; index < awkward.size(); ++index) {
         SimInstrumentState inst = instrument_value();
@@ -252,6 +253,7 @@ TEST(SimStateTest, ReadsHandWrittenDocument) {
     EXPECT_EQ(state.seed, 1u);
     EXPECT_EQ(state.records, 2u);
     EXPECT_EQ(state.snapshots, 3u);
+    EXPECT_EQ(state.gaps, 4u);
     ASSERT_EQ(state.instruments.size(), 2u);
     EXPECT_EQ(state.instruments[0], instrument_value());
     SimInstrumentState second = instrument_value();
@@ -324,7 +326,8 @@ TEST(SimStateTest, OneInstrumentPerLine) {
     }
     EXPECT_EQ(start, text.size()) << "ends with a newline";
     ASSERT_EQ(lines.size(), 2 + state.instruments.size() + 1) << text;
-    EXPECT_EQ(lines[0].rfind("{\"seed\": 12345, \"records\": 678, \"snapshots\": 9,", 0), 0u) << lines[0];
+    EXPECT_EQ(lines[0].rfind("{\"seed\": 12345, \"records\": 678, \"snapshots\": 9, \"gaps\": 8,", 0), 0u)
+        << lines[0];
     for (size_t index = 0; index < state.instruments.size(); ++index) {
         const std::string& line = lines[2 + index];
         EXPECT_EQ(line.rfind("  {\"exchange\": \"SHFE\", \"inst_no\": " + std::to_string(index) + ",", 0), 0u)
@@ -348,6 +351,7 @@ TEST(SimStateTest, LargestCountsSurvive) {
     state.seed = std::numeric_limits<uint64_t>::max();
     state.records = std::numeric_limits<uint64_t>::max() - 1;
     state.snapshots = (uint64_t{1} << 53) + 1;  // a double cannot hold it
+    state.gaps = std::numeric_limits<uint64_t>::max();
     SimInstrumentState inst = instrument_value();
     inst.changeNo = std::numeric_limits<uint32_t>::max();
     inst.volume = std::numeric_limits<uint32_t>::max();
@@ -360,6 +364,7 @@ TEST(SimStateTest, LargestCountsSurvive) {
     EXPECT_EQ(back.seed, state.seed);
     EXPECT_EQ(back.records, state.records);
     EXPECT_EQ(back.snapshots, state.snapshots);
+    EXPECT_EQ(back.gaps, state.gaps);
     EXPECT_EQ(back, state);
 }
 
@@ -419,7 +424,8 @@ TEST(SimStateTest, KeysInAnyOrderAndUnknownKeysIgnored) {
 
 TEST(SimStateTest, AcceptsAnyJsonWhitespace) {
     const std::string text =
-        "\r\n\t {\t\"instruments\" :\r\n[ ] ,\"snapshots\":0,\"records\"  :  1 ,\n\"seed\":2 }\r\n\t";
+        "\r\n\t {\t\"instruments\" :\r\n[ ] ,\"snapshots\":0,\"records\"  :  1 ,\"gaps\"\t:0,\n\"seed\":2 "
+        "}\r\n\t";
     SimState state;
     std::string error;
     ASSERT_TRUE(parse_sim_state(text, state, error)) << error;
@@ -442,7 +448,7 @@ TEST(SimStateTest, EachMissingTopLevelKeyIsNamed) {
         erase_field(top, key);
         EXPECT_EQ(parse_error(document({instrument_fields()}, top)), "<input>:1: missing \"" + key + "\"");
     }
-    EXPECT_EQ(parse_error("{\"seed\": 1, \"records\": 2,\n \"snapshots\": 3}"),
+    EXPECT_EQ(parse_error("{\"seed\": 1, \"records\": 2,\n \"snapshots\": 3, \"gaps\": 4}"),
               "<input>:1: missing \"instruments\"");
 }
 
@@ -501,6 +507,7 @@ TEST(SimStateTest, WrongTypesAndRangesAtTopLevelAreNamed) {
         {"records", "1.0", "\"records\" must be an integer from 0 to 18446744073709551615, not 1.0"},
         {"snapshots", "\"3\"",
          "\"snapshots\" must be an integer from 0 to 18446744073709551615, not a string"},
+        {"gaps", "-4", "\"gaps\" must be an integer from 0 to 18446744073709551615, not -4"},
     };
     for (const BadField& bad : cases) {
         Fields top = top_fields();
@@ -508,20 +515,25 @@ TEST(SimStateTest, WrongTypesAndRangesAtTopLevelAreNamed) {
         EXPECT_EQ(parse_error(document({instrument_fields()}, top)), std::string("<input>:1: ") + bad.error)
             << bad.key << " = " << bad.value;
     }
-    EXPECT_EQ(parse_error("{\"seed\": 1, \"records\": 2, \"snapshots\": 3,\n\"instruments\": {}}"),
-              "<input>:2: \"instruments\" must be an array of objects, not an object");
-    EXPECT_EQ(parse_error("{\"seed\": 1, \"records\": 2, \"snapshots\": 3,\n\"instruments\": [\n{},\n[]]}"),
-              "<input>:3: instrument 0: missing \"exchange\"");
+    EXPECT_EQ(
+        parse_error("{\"seed\": 1, \"records\": 2, \"snapshots\": 3, \"gaps\": 4,\n\"instruments\": {}}"),
+        "<input>:2: \"instruments\" must be an array of objects, not an object");
+    EXPECT_EQ(
+        parse_error(
+            "{\"seed\": 1, \"records\": 2, \"snapshots\": 3, \"gaps\": 4,\n\"instruments\": [\n{},\n[]]}"),
+        "<input>:3: instrument 0: missing \"exchange\"");
     EXPECT_EQ(parse_error("\n[1, 2]"), "<input>:2: the top level must be an object, not an array");
     EXPECT_EQ(parse_error("\"text\""), "<input>:1: the top level must be an object, not a string");
 }
 
 TEST(SimStateTest, AnInstrumentThatIsNotAnObjectIsNamed) {
-    const std::string text = "{\"seed\": 1, \"records\": 2, \"snapshots\": 3,\n\"instruments\": [\n{" +
-                             join_fields(instrument_fields()) + "},\n[1]]}";
+    const std::string text =
+        "{\"seed\": 1, \"records\": 2, \"snapshots\": 3, \"gaps\": 4,\n\"instruments\": [\n{" +
+        join_fields(instrument_fields()) + "},\n[1]]}";
     EXPECT_EQ(parse_error(text), "<input>:4: instrument 1: must be an object, not an array");
-    const std::string scalar = "{\"seed\": 1, \"records\": 2, \"snapshots\": 3,\n\"instruments\": [\n{" +
-                               join_fields(instrument_fields()) + "},\n\n-4.50e1]}";
+    const std::string scalar =
+        "{\"seed\": 1, \"records\": 2, \"snapshots\": 3, \"gaps\": 4,\n\"instruments\": [\n{" +
+        join_fields(instrument_fields()) + "},\n\n-4.50e1]}";
     EXPECT_EQ(parse_error(scalar), "<input>:5: instrument 1: must be an object, not -4.50e1");
 }
 
@@ -535,7 +547,8 @@ TEST(SimStateTest, DuplicateKeysAreRefused) {
 // last digit is followed by a newline.
 TEST(SimStateTest, ValuesSpreadOverLinesAreNamedAtTheirOwnLine) {
     const auto spread = [](const Fields& fields) {
-        std::string text = "{\"seed\": 1, \"records\": 2, \"snapshots\": 3, \"instruments\": [\n{";
+        std::string text =
+            "{\"seed\": 1, \"records\": 2, \"snapshots\": 3, \"gaps\": 4, \"instruments\": [\n{";
         for (size_t index = 0; index < fields.size(); ++index) {
             text += (index == 0 ? "\"" : "\n, \"") + fields[index].first + "\": " + fields[index].second;
         }
