@@ -1,0 +1,12 @@
+# Every fuzz target once, for the libFuzzer build (fuzz/CMakeLists.txt) and
+# for the corpus replay tests (fuzz/ReplayTargets.cmake): calls
+# `fn(name corpus sources...)` per target, where fuzz/corpus/<corpus> holds the
+# target's checked-in inputs. Each target links quvo_core.
+function(quvo_for_each_fuzz_target fn)
+    set(dir ${PROJECT_SOURCE_DIR}/fuzz)
+    cmake_language(CALL ${fn} parse_mirp_fuzz parse_mirp ${dir}/ParseMirpFuzz.cpp)
+    # Frames through the snapshot reassembly: raw bytes, and frames completed
+    # with a correct checksum so that inputs get past the frame checks.
+    cmake_language(CALL ${fn} packet_handler_fuzz packet_handler ${dir}/PacketHandlerFuzz.cpp)
+    cmake_language(CALL ${fn} packet_handler_checksum_fuzz packet_handler ${dir}/PacketHandlerChecksumFuzz.cpp)
+endfunction()
