@@ -9,4 +9,6 @@ function(quvo_for_each_fuzz_target fn)
     # with a correct checksum so that inputs get past the frame checks.
     cmake_language(CALL ${fn} packet_handler_fuzz packet_handler ${dir}/PacketHandlerFuzz.cpp)
     cmake_language(CALL ${fn} packet_handler_checksum_fuzz packet_handler ${dir}/PacketHandlerChecksumFuzz.cpp)
+    # The configuration file: the INI reader and the record, against a reading of their rules.
+    cmake_language(CALL ${fn} config_fuzz config ${dir}/ConfigFuzz.cpp)
 endfunction()

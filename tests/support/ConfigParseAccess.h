@@ -10,6 +10,7 @@
 class CConfigParseTestAccess {
 public:
     static int LoadConfig(CConfigParse& parse, const std::string& path) { return parse._LoadConfig(path); }
+    static int ReadRecord(CConfigParse& parse) { return parse._ReadRecord(); }
     static std::string GetConfigData(const CConfigParse& parse, const std::string& section,
                                      const std::string& key, const std::string& defaultValue) {
         return parse._GetConfigData(section, key, defaultValue);
