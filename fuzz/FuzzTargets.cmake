@@ -11,4 +11,8 @@ function(quvo_for_each_fuzz_target fn)
     cmake_language(CALL ${fn} packet_handler_checksum_fuzz packet_handler ${dir}/PacketHandlerChecksumFuzz.cpp)
     # The configuration file: the INI reader and the record, against a reading of their rules.
     cmake_language(CALL ${fn} config_fuzz config ${dir}/ConfigFuzz.cpp)
+    # A whole feed session in process on the software card's replay.
+    cmake_language(CALL ${fn} soft_card_session_fuzz soft_card_session ${dir}/SoftCardSessionFuzz.cpp
+                   ${PROJECT_SOURCE_DIR}/sim/PcapWriter.cpp ${PROJECT_SOURCE_DIR}/tests/support/ShmSandbox.cpp
+                   ${PROJECT_SOURCE_DIR}/tests/support/TempDir.cpp)
 endfunction()

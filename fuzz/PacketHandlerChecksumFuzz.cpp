@@ -14,44 +14,17 @@
 
 #include "fuzz/FuzzSupport.h"
 #include "fuzz/PacketHandlerHarness.h"
+#include "fuzz/TcpChecksum.h"
 #include "public/log/CommonLog.h"
 
 using namespace packet_handler_fuzz;
+using namespace fuzz_frames;
 
 namespace {
 
 constexpr size_t kEth = 14;
 constexpr uint32_t kSrcHost = 0x0A000001;
 constexpr uint32_t kDstHost = 0x0A000002;
-
-uint16_t Get16(const uint8_t* p) {
-    return static_cast<uint16_t>(p[0] << 8 | p[1]);
-}
-
-void Put16(uint8_t* p, uint16_t v) {
-    p[0] = static_cast<uint8_t>(v >> 8);
-    p[1] = static_cast<uint8_t>(v);
-}
-
-void Put32(uint8_t* p, uint32_t v) {
-    Put16(p, static_cast<uint16_t>(v >> 16));
-    Put16(p + 2, static_cast<uint16_t>(v));
-}
-
-// The standard TCP checksum of `seglen` bytes at `tcp` with its check field as zero.
-uint16_t TcpChecksum(const uint8_t* ip, const uint8_t* tcp, size_t seglen) {
-    uint32_t sum = Get16(ip + 12) + Get16(ip + 14) + Get16(ip + 16) + Get16(ip + 18) + 6 + seglen;
-    for (size_t i = 0; i + 1 < seglen; i += 2) {
-        sum += i == 16 ? 0 : Get16(tcp + i);
-    }
-    if (seglen & 1) {
-        sum += static_cast<uint32_t>(tcp[seglen - 1]) << 8;
-    }
-    while (sum >> 16) {
-        sum = (sum & 0xFFFF) + (sum >> 16);
-    }
-    return static_cast<uint16_t>(~sum);
-}
 
 // Completes `in` into `frame` (exactly sized, zeroed slack after it).
 std::unique_ptr<uint8_t[]> Complete(CTcpHarness& h, const uint8_t* in, size_t size, size_t& len) {

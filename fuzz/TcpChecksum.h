@@ -1,0 +1,41 @@
+// Big-endian fields and the TCP checksum, for the fuzz targets that complete
+// arbitrary frames into segments that pass the snapshot path's frame checks.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace fuzz_frames {
+
+inline uint16_t Get16(const uint8_t* p) {
+    return static_cast<uint16_t>(p[0] << 8 | p[1]);
+}
+
+inline void Put16(uint8_t* p, uint16_t v) {
+    p[0] = static_cast<uint8_t>(v >> 8);
+    p[1] = static_cast<uint8_t>(v);
+}
+
+inline void Put32(uint8_t* p, uint32_t v) {
+    Put16(p, static_cast<uint16_t>(v >> 16));
+    Put16(p + 2, static_cast<uint16_t>(v));
+}
+
+// The standard TCP checksum of the `seglen` (at least 18) bytes at `tcp`,
+// with its check field taken as zero and the pseudo-header's addresses from
+// the IPv4 header at `ip`.
+inline uint16_t TcpChecksum(const uint8_t* ip, const uint8_t* tcp, size_t seglen) {
+    uint32_t sum = Get16(ip + 12) + Get16(ip + 14) + Get16(ip + 16) + Get16(ip + 18) + 6 + seglen;
+    for (size_t i = 0; i + 1 < seglen; i += 2) {
+        sum += i == 16 ? 0 : Get16(tcp + i);
+    }
+    if (seglen & 1) {
+        sum += static_cast<uint32_t>(tcp[seglen - 1]) << 8;
+    }
+    while (sum >> 16) {
+        sum = (sum & 0xFFFF) + (sum >> 16);
+    }
+    return static_cast<uint16_t>(~sum);
+}
+
+}  // namespace fuzz_frames
