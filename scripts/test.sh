@@ -3,8 +3,9 @@
 # asan (AddressSanitizer + UndefinedBehaviorSanitizer) and tsan
 # (ThreadSanitizer) presets, and in the card
 # preset (the card library built from its source, QUVO_EXANIC_SRC, default
-# ../shared/libexanic), then fuzzes the decoded-record parser and the snapshot
-# packet handler for a bounded time (fuzz preset). Fails if any step fails.
+# ../shared/libexanic), then fuzzes the decoded-record parser, the snapshot
+# packet handler, the configuration reader and a whole software-card session
+# for a bounded time (fuzz preset). Fails if any step fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -46,7 +47,7 @@ rm -rf "$artifacts"
 mkdir -p "$artifacts"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-run_fuzzer() {  # target corpus-name seconds
+run_fuzzer() {  # target corpus-name seconds [libFuzzer flags...]
     echo "=== fuzz: $1 for $3 s"
     rm -rf "$work/corpus"
     mkdir "$work/corpus"
@@ -55,7 +56,7 @@ run_fuzzer() {  # target corpus-name seconds
     (cd "$work" &&
         UBSAN_OPTIONS=print_stacktrace=1 "$OLDPWD/build/fuzz/fuzz/$1" \
             -max_total_time="$3" -timeout=10 -print_final_stats=1 \
-            -artifact_prefix="$artifacts/$1-" corpus) || status=$?
+            -artifact_prefix="$artifacts/$1-" "${@:4}" corpus) || status=$?
     if [ "$status" -ne 0 ]; then
         for input in "$artifacts/$1-"*; do
             [ -e "$input" ] || continue
@@ -73,3 +74,7 @@ run_fuzzer parse_mirp_fuzz parse_mirp "${QUVO_FUZZ_SECONDS:-60}"
 # a printed input that passes alone needs the inputs run before it.
 run_fuzzer packet_handler_fuzz packet_handler "${QUVO_FUZZ_PACKET_SECONDS:-45}"
 run_fuzzer packet_handler_checksum_fuzz packet_handler "${QUVO_FUZZ_PACKET_SECONDS:-45}"
+run_fuzzer config_fuzz config "${QUVO_FUZZ_CONFIG_SECONDS:-30}"
+# Every input runs the whole feed, which allocates and zeroes its 200 MiB
+# decoded-record cache; the limit leaves room for that and a freed one.
+run_fuzzer soft_card_session_fuzz soft_card_session "${QUVO_FUZZ_SESSION_SECONDS:-30}" -rss_limit_mb=2048
