@@ -1,5 +1,6 @@
 #include "sim/SimDevice.h"
 
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 
@@ -19,7 +20,11 @@ inline uint32_t Register(volatile uint32_t* registers, uint32_t index) {
 }  // namespace
 
 CSimDevice::CSimDevice(const SimOptions& options, volatile uint32_t* registers, int64_t (*clock)())
-    : m_options(options), m_model(options), m_pRegisters(registers), m_clock(clock) {}
+    : m_options(options), m_model(options), m_pRegisters(registers), m_clock(clock) {
+    if (m_options.interruptAt != SIM_INTERRUPT_NONE) {
+        g_registerTap.store(this, std::memory_order_relaxed);
+    }
+}
 
 std::unique_ptr<CSoftSource> CSimDevice::Create(const std::string& text, volatile uint32_t* registers,
                                                 std::string& error) {
@@ -35,7 +40,43 @@ std::unique_ptr<CSoftSource> CSimDevice::Create(const std::string& text, volatil
 }
 
 CSimDevice::~CSimDevice() {
+    CRegisterTap* self = this;
+    g_registerTap.compare_exchange_strong(self, nullptr);
     delete m_handOver.exchange(nullptr);
+}
+
+void CSimDevice::OnRegisterWrite(volatile uint32_t* window, uint32_t, uint32_t) {
+    if (window == m_pRegisters) {
+        _InterruptAt(SIM_INTERRUPT_WRITE, m_writes.fetch_add(1, std::memory_order_relaxed) + 1);
+    }
+}
+
+void CSimDevice::_InterruptAt(ESimInterrupt at, uint64_t count) {
+    if (at != m_options.interruptAt || count != m_options.interruptCount ||
+        m_interrupted.exchange(true, std::memory_order_relaxed)) {
+        return;
+    }
+    // Says where the feed was stopped, so a test can place its next points.
+    fprintf(stderr,
+            "simulator: interrupt at %s %llu: %llu register writes, %llu snapshots, %llu raw frames, %llu "
+            "decoded frames\n",
+            sim_interrupt_name(at), static_cast<unsigned long long>(count),
+            static_cast<unsigned long long>(m_writes.load(std::memory_order_relaxed)),
+            static_cast<unsigned long long>(m_published.load(std::memory_order_relaxed)),
+            static_cast<unsigned long long>(m_rawFrames.load(std::memory_order_relaxed)),
+            static_cast<unsigned long long>(m_decodedFrames.load(std::memory_order_relaxed)));
+    raise(SIGINT);
+}
+
+void CSimDevice::_CountDecoded() {
+    const uint64_t decoded = m_decodedFrames.load(std::memory_order_relaxed) + 1;
+    m_decodedFrames.store(decoded, std::memory_order_relaxed);
+    if (__builtin_expect(m_options.interruptAt != SIM_INTERRUPT_NONE, 0)) {
+        _InterruptAt(SIM_INTERRUPT_DECODED, decoded);
+        if (m_rawSwitchedOff) {
+            _InterruptAt(SIM_INTERRUPT_AFTER_SNAPSHOT, ++m_sinceRawOff);
+        }
+    }
 }
 
 void CSimDevice::WriteExpected() {
@@ -62,8 +103,14 @@ unsigned CSimDevice::_JoinedExchanges() const {
 
 void CSimDevice::_WatchSnapshotRequest() {
     const bool raw = Register(m_pRegisters, REG_ORIG_DATA) == 1;
+    if (raw != m_rawOn) {
+        m_rawOn = raw;
+        m_rawSwitchedOff = !raw;
+        m_sinceRawOff = 0;
+    }
     if (!raw) {
         m_snapshotSent = false;
+        m_snapshotAsked = false;
         return;
     }
     if (m_snapshotSent) {
@@ -80,12 +127,20 @@ void CSimDevice::_WatchSnapshotRequest() {
     if (wanted == 0) {
         return;
     }
+    if (!m_snapshotAsked) {
+        m_snapshotAsked = true;
+        m_warmupLeft = m_options.warmup;
+    }
+    if (m_warmupLeft > 0 && !m_recordsDone.load(std::memory_order_relaxed)) {
+        return;
+    }
     auto batch = std::make_unique<Batch>();
     m_model.BuildSnapshotFrames(wanted, batch->frames);
     batch->number = m_published.load(std::memory_order_relaxed) + 1;
     m_published.store(batch->number, std::memory_order_relaxed);
     delete m_handOver.exchange(batch.release(), std::memory_order_acq_rel);
     m_snapshotSent = true;
+    _InterruptAt(SIM_INTERRUPT_SNAPSHOT, m_published.load(std::memory_order_relaxed));
 }
 
 void CSimDevice::_Deliver(SimFrames& frames, size_t& next, size_t& offset, SoftFrameRef& frame) {
@@ -139,11 +194,15 @@ ESoftNext CSimDevice::_NextDecoded(SoftFrameRef& frame) {
             return SOFT_NEXT_NONE;
         }
         ++m_steps;
+        if (m_warmupLeft > 0) {
+            --m_warmupLeft;
+        }
         if (m_pending.Count() == 0) {
             return SOFT_NEXT_NONE;  // the record was lost on purpose
         }
     }
     _Deliver(m_pending, m_pendingNext, m_pendingOffset, frame);
+    _CountDecoded();
     return SOFT_NEXT_FRAME;
 }
 
@@ -170,6 +229,11 @@ ESoftNext CSimDevice::_NextRaw(SoftFrameRef& frame) {
         // The last frame's bytes must outlive this call.
         m_retired = std::move(m_current);
         m_consumed.store(number, std::memory_order_relaxed);
+    }
+    const uint64_t raw = m_rawFrames.load(std::memory_order_relaxed) + 1;
+    m_rawFrames.store(raw, std::memory_order_relaxed);
+    if (__builtin_expect(m_options.interruptAt != SIM_INTERRUPT_NONE, 0)) {
+        _InterruptAt(SIM_INTERRUPT_RAW, raw);
     }
     return SOFT_NEXT_FRAME;
 }

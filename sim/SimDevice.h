@@ -1,7 +1,9 @@
 // The exchange simulator behind the software card ("sim[:key=value,...]").
 // Decoded records are made as port 0 is read, at the configured rate; a fresh
 // snapshot is taken whenever the feed turns the raw stream and an exchange's
-// feeds on, and is handed to port 1, which the snapshot thread reads.
+// feeds on (once `warmup` more records were sent), and is handed to port 1,
+// which the snapshot thread reads. With `interrupt`, SIGINT is raised in the
+// feed at one chosen event, so that tests can stop it anywhere.
 #pragma once
 
 #include <atomic>
@@ -10,10 +12,11 @@
 #include <string>
 
 #include "sim/ExchangeModel.h"
+#include "src/dev/Registers.h"
 #include "src/dev/soft/ReplayClock.h"
 #include "src/dev/soft/SoftSource.h"
 
-class CSimDevice final : public CSoftSource {
+class CSimDevice final : public CSoftSource, private CRegisterTap {
 public:
     // `clock` gives monotonic nanoseconds for `rate` and `seconds`.
     CSimDevice(const SimOptions& options, volatile uint32_t* registers, int64_t (*clock)() = monotonic_ns);
@@ -51,6 +54,12 @@ private:
     static void _Deliver(SimFrames& frames, size_t& next, size_t& offset, SoftFrameRef& frame);
     void _WatchSnapshotRequest();
     unsigned _JoinedExchanges() const;
+    // interrupt=: counts the feed's register writes while it is set.
+    void OnRegisterRead(volatile uint32_t*, uint32_t, uint32_t) override {}
+    void OnRegisterWrite(volatile uint32_t* window, uint32_t index, uint32_t value) override;
+    void _CountDecoded();
+    // Raises SIGINT, once, when `count` events `at` are the ones asked for.
+    void _InterruptAt(ESimInterrupt at, uint64_t count);
 
     SimOptions m_options;
     CExchangeModel m_model;
@@ -61,9 +70,19 @@ private:
     size_t m_pendingNext = 0;
     size_t m_pendingOffset = 0;
     bool m_snapshotSent = false;
+    bool m_snapshotAsked = false;
+    uint64_t m_warmupLeft = 0;  // records still to send before the snapshot asked for
     int64_t m_startNs = -1;
     uint64_t m_steps = 0;
     bool m_exhausted = false;
+    bool m_rawOn = false;
+    bool m_rawSwitchedOff = false;
+    uint64_t m_sinceRawOff = 0;
+    // Counted by the thread that makes each event; read by any when interrupting.
+    std::atomic<uint64_t> m_writes{0};
+    std::atomic<uint64_t> m_rawFrames{0};
+    std::atomic<uint64_t> m_decodedFrames{0};
+    std::atomic<bool> m_interrupted{false};
     // Handed from the main thread to the snapshot thread.
     std::atomic<Batch*> m_handOver{nullptr};
     std::atomic<uint64_t> m_published{0};

@@ -143,6 +143,36 @@ const std::vector<OptionSpec>& Specs() {
          [](SimOptions& o, const std::string& v) -> const char* {
              return ParseReal(v, 0, 1e9, o.exitSeconds) ? nullptr : "a number of seconds >= 0";
          }},
+        {"warmup", "records sent after each snapshot request before the snapshot is taken (default 0)", true,
+         [](SimOptions& o, const std::string& v) -> const char* {
+             return ParseUnsigned(v, o.warmup) ? nullptr : "an unsigned integer";
+         }},
+        {"interrupt", "raise SIGINT once at EVENT:N: the Nth write, snapshot, raw, decoded or after_snapshot",
+         true,
+         [](SimOptions& o, const std::string& v) -> const char* {
+             constexpr const char* kForm =
+                 "EVENT:N, EVENT one of write, snapshot, raw, decoded, after_snapshot";
+             const size_t colon = v.find(':');
+             if (colon == std::string::npos) {
+                 return kForm;
+             }
+             const std::string event = v.substr(0, colon);
+             ESimInterrupt at = SIM_INTERRUPT_NONE;
+             for (const ESimInterrupt candidate :
+                  {SIM_INTERRUPT_WRITE, SIM_INTERRUPT_SNAPSHOT, SIM_INTERRUPT_RAW, SIM_INTERRUPT_DECODED,
+                   SIM_INTERRUPT_AFTER_SNAPSHOT}) {
+                 if (event == sim_interrupt_name(candidate)) {
+                     at = candidate;
+                 }
+             }
+             uint64_t count = 0;
+             if (at == SIM_INTERRUPT_NONE || !ParseUnsigned(v.substr(colon + 1), count) || count == 0) {
+                 return kForm;
+             }
+             o.interruptAt = at;
+             o.interruptCount = count;
+             return nullptr;
+         }},
     };
     return specs;
 }
@@ -170,6 +200,24 @@ bool sim_set_option(SimOptions& options, const std::string& key, const std::stri
     }
     error = "unknown simulator option '" + key + "' (known: " + known + ")";
     return false;
+}
+
+const char* sim_interrupt_name(ESimInterrupt at) {
+    switch (at) {
+        case SIM_INTERRUPT_WRITE:
+            return "write";
+        case SIM_INTERRUPT_SNAPSHOT:
+            return "snapshot";
+        case SIM_INTERRUPT_RAW:
+            return "raw";
+        case SIM_INTERRUPT_DECODED:
+            return "decoded";
+        case SIM_INTERRUPT_AFTER_SNAPSHOT:
+            return "after_snapshot";
+        case SIM_INTERRUPT_NONE:
+            break;
+    }
+    return "none";
 }
 
 bool sim_parse_device_options(const std::string& text, SimOptions& options, std::string& error) {

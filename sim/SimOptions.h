@@ -5,6 +5,16 @@
 #include <cstdint>
 #include <string>
 
+// Where the software card's simulator raises SIGINT in the feed (interrupt=).
+enum ESimInterrupt : uint8_t {
+    SIM_INTERRUPT_NONE,
+    SIM_INTERRUPT_WRITE,           // the feed's Nth register write
+    SIM_INTERRUPT_SNAPSHOT,        // the Nth snapshot taken, before any of its frames
+    SIM_INTERRUPT_RAW,             // the Nth raw frame on port 1
+    SIM_INTERRUPT_DECODED,         // the Nth decoded frame on port 0
+    SIM_INTERRUPT_AFTER_SNAPSHOT,  // the Nth decoded frame since the raw stream was last switched off
+};
+
 struct SimOptions {
     int shfe = 200;  // instruments per exchange; 0 leaves the exchange out
     int ine = 50;
@@ -36,13 +46,20 @@ struct SimOptions {
     // Software card only.
     std::string expectPath;
     double exitSeconds = -1;
-    double seconds = 0;  // stop making records this long after the first read; 0: never
+    double seconds = 0;   // stop making records this long after the first read; 0: never
+    uint64_t warmup = 0;  // records sent between a snapshot request and the snapshot
+    ESimInterrupt interruptAt = SIM_INTERRUPT_NONE;
+    uint64_t interruptCount = 0;
 };
 
 // Applies one key=value setting. Returns false with `error` naming the key.
-// `forDevice` allows the software-card-only keys (seconds, expect, exit).
+// `forDevice` allows the software-card-only keys (seconds, expect, exit,
+// warmup, interrupt).
 bool sim_set_option(SimOptions& options, const std::string& key, const std::string& value, bool forDevice,
                     std::string& error);
+
+// The event's name in interrupt=EVENT:N ("write", ...; "none").
+const char* sim_interrupt_name(ESimInterrupt at);
 
 // Parses "key=value,key=value" (the text after "sim:").
 bool sim_parse_device_options(const std::string& text, SimOptions& options, std::string& error);
