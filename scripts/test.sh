@@ -20,6 +20,8 @@ for preset in release asan tsan; do
     ctest --preset "$preset"
 done
 echo "=== all tests passed in release, asan and tsan"
+# A minute of the release feed on the simulator with every fault at once.
+scripts/soak.sh 1
 
 exanic_src="${QUVO_EXANIC_SRC:-../shared/libexanic}"
 if [ -f "$exanic_src/fifo_rx.c" ]; then
