@@ -47,8 +47,10 @@ extern "C" int quvo_recv(const char* config_path, int* running) {
         return -1;
     }
     // Zero-filled here rather than by calloc, so that every page is mapped
-    // now and caching never takes a page fault.
-    memset(cache.pCacheBuf, 0, CExanicUdpFunc::kCacheSize);
+    // now and caching never takes a page fault. Through a volatile pointer,
+    // or the compiler turns malloc and memset back into calloc.
+    static void* (*const volatile zeroFill)(void*, int, size_t) = memset;
+    zeroFill(cache.pCacheBuf, 0, CExanicUdpFunc::kCacheSize);
     ExanicMdConfigData config;
     UEnableMask enabledMask{};
     UEnableMask finishedMask{};

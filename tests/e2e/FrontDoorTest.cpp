@@ -134,6 +134,21 @@ TEST_F(FrontDoorE2E, HelpAndVersionLeaveARunningFeedUntouched) {
     EXPECT_EQ(status, 0);
 }
 
+// The decode cache is zero-filled page by page at start, so caching never
+// takes a page fault: the whole 200 MiB is resident once the feed runs.
+TEST_F(FrontDoorE2E, DecodeCacheIsResidentOnceTheFeedRuns) {
+    std::unique_ptr<CChildProcess> feed = StartFeed();
+    SettledSegments();
+    const std::string status = read_file("/proc/" + std::to_string(feed->Pid()) + "/status");
+    const size_t at = status.find("VmRSS:");
+    ASSERT_NE(at, std::string::npos) << status;
+    const long residentKb = strtol(status.c_str() + at + 6, nullptr, 10);
+    EXPECT_GE(residentKb, 200L * 1024) << status;
+    feed->Signal(SIGINT);
+    int exitStatus = -1;
+    EXPECT_TRUE(feed->Wait(kTimeoutSeconds, exitStatus));
+}
+
 TEST_F(FrontDoorE2E, SecondFeedIsRefusedWhileTheFirstRuns) {
     std::unique_ptr<CChildProcess> feed = StartFeed();
     const std::string before = SettledSegments();
