@@ -9,7 +9,6 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <map>
 
 #include "public/log/CommonLog.h"
@@ -17,35 +16,54 @@
 
 namespace {
 
-struct NumberKey {
+using ConfigField = long (*)(const ExanicMdConfigData&);
+
+// The keys read as integers into a narrower field, which keeps only the low
+// bits of what was written.
+struct IntegerKey {
     const char* key;
-    long min;
-    long max;
-    const char* width;
-    const char* defaultText;
+    int bits;
+    bool isSigned;
+    ConfigField field;
 };
 
-// The integer keys, with the range their field holds and the default the
-// reader falls back to when the key is absent.
-constexpr NumberKey kNumberKeys[] = {
-    {"shfe2ps_topic_id", INT16_MIN, INT16_MAX, "16 bits", "1000"},
-    {"shfe4ps_topic_id", INT16_MIN, INT16_MAX, "16 bits", "1101"},
-    {"ine2ps_topic_id", INT16_MIN, INT16_MAX, "16 bits", "5000"},
-    {"ine4ps_topic_id", INT16_MIN, INT16_MAX, "16 bits", "5101"},
-    {"md2ps_snap_port", 0, UINT16_MAX, "16 bits", "33022"},
-    {"md4ps_snap_port", 0, UINT16_MAX, "16 bits", "22000"},
-    {"cpucore", INT16_MIN, INT16_MAX, "16 bits", ""},
-    {"split_all_field", INT8_MIN, INT8_MAX, "8 bits", "1"},
-    {"timeout_cnt", INT16_MIN, INT16_MAX, "16 bits", "10"},
-    {"shield_price_check", LONG_MIN, LONG_MAX, "", "0"},
-    {"log_level", 0, 31, "", "7"},
+constexpr IntegerKey kIntegerKeys[] = {
+    {"shfe2ps_topic_id", 16, true, [](const ExanicMdConfigData& c) -> long { return c.shfe2ps_topic_id; }},
+    {"shfe4ps_topic_id", 16, true, [](const ExanicMdConfigData& c) -> long { return c.shfe4ps_topic_id; }},
+    {"ine2ps_topic_id", 16, true, [](const ExanicMdConfigData& c) -> long { return c.ine2ps_topic_id; }},
+    {"ine4ps_topic_id", 16, true, [](const ExanicMdConfigData& c) -> long { return c.ine4ps_topic_id; }},
+    {"md2ps_snap_port", 16, false, [](const ExanicMdConfigData& c) -> long { return c.md2ps_snap_port; }},
+    {"md4ps_snap_port", 16, false, [](const ExanicMdConfigData& c) -> long { return c.md4ps_snap_port; }},
+    {"cpucore", 16, true, [](const ExanicMdConfigData& c) -> long { return c.cpucore; }},
+    {"split_all_field", 8, true, [](const ExanicMdConfigData& c) -> long { return c.split_all_field; }},
+    {"timeout_cnt", 16, true, [](const ExanicMdConfigData& c) -> long { return c.timeout_cnt; }},
 };
 
-constexpr const char* kAddressKeys[] = {"shfe2ps_ip_a", "shfe2ps_ip_b", "shfe4ps_ip_a", "shfe4ps_ip_b",
-                                        "ine2ps_ip_a",  "ine2ps_ip_b",  "ine4ps_ip_a",  "ine4ps_ip_b"};
+struct AddressKey {
+    const char* key;
+    const std::string ExanicMdConfigData::*field;
+};
 
-// Entries are a two-letter product or an identifier's first six characters.
-constexpr size_t kLongestInstEntry = 6;
+constexpr AddressKey kAddressKeys[] = {
+    {"shfe2ps_ip_a", &ExanicMdConfigData::shfe2ps_ip_a}, {"shfe2ps_ip_b", &ExanicMdConfigData::shfe2ps_ip_b},
+    {"shfe4ps_ip_a", &ExanicMdConfigData::shfe4ps_ip_a}, {"shfe4ps_ip_b", &ExanicMdConfigData::shfe4ps_ip_b},
+    {"ine2ps_ip_a", &ExanicMdConfigData::ine2ps_ip_a},   {"ine2ps_ip_b", &ExanicMdConfigData::ine2ps_ip_b},
+    {"ine4ps_ip_a", &ExanicMdConfigData::ine4ps_ip_a},   {"ine4ps_ip_b", &ExanicMdConfigData::ine4ps_ip_b},
+};
+
+// What the record reads, key by key, with the default of each: asked of the
+// reader itself, so that the check knows exactly the keys the feed knows.
+const std::map<std::string, std::string>& read_keys() {
+    static const std::map<std::string, std::string> keys = [] {
+        std::map<std::string, std::string> found;
+        ExanicMdConfigData record;
+        CConfigParse parse(record);
+        CConfigCheck::ReadRecord(
+            parse, [&found](const char* key, const char* defaultValue) { found.emplace(key, defaultValue); });
+        return found;
+    }();
+    return keys;
+}
 
 size_t edit_distance(const std::string& a, const std::string& b) {
     std::vector<std::vector<size_t>> d(a.size() + 1, std::vector<size_t>(b.size() + 1));
@@ -83,26 +101,12 @@ class CLineScan {
 public:
     explicit CLineScan(std::vector<ConfigFinding>& findings) : m_refFindings(findings) {}
 
-    void Scan(std::istream& file) {
-        std::string raw;
-        int number = 0;
-        while (std::getline(file, raw)) {
-            ++number;
-            _Line(number, raw, CConfigCheck::ReadLine(raw));
-        }
-    }
-
     int LineOf(const std::string& key) const {
         const auto found = m_configKeys.find(key);
         return found == m_configKeys.end() ? 0 : found->second;
     }
 
-private:
-    void _Warn(int line, std::string text) {
-        m_refFindings.push_back({ConfigFinding::WARNING, line, std::move(text)});
-    }
-
-    void _Line(int number, const std::string& raw, const IniLine& line) {
+    void Line(int number, const std::string& raw, const IniLine& line) {
         switch (line.kind) {
             case IniLine::BLANK:
                 return;
@@ -121,6 +125,11 @@ private:
                 _KeyValue(number, raw, line);
                 return;
         }
+    }
+
+private:
+    void _Warn(int line, std::string text) {
+        m_refFindings.push_back({ConfigFinding::WARNING, line, std::move(text)});
     }
 
     void _Heading(int number, const std::string& section) {
@@ -167,8 +176,7 @@ private:
                               std::to_string(earlier->second));
         }
         m_configKeys[line.key] = number;
-        const std::vector<std::string>& known = CConfigCheck::KnownKeys();
-        if (std::find(known.begin(), known.end(), line.key) != known.end()) {
+        if (read_keys().count(line.key) != 0) {
             return;
         }
         if (line.key == "shfe4ps" || line.key == "ine4ps") {
@@ -193,15 +201,17 @@ public:
         : m_refResult(result), m_refValues(values), m_refScan(scan) {}
 
     void Run() {
-        for (const NumberKey& rule : kNumberKeys) {
-            _Number(rule);
+        for (const IntegerKey& rule : kIntegerKeys) {
+            _Integer(rule);
         }
+        _ShieldPriceCheck();
+        _LogLevel();
         _Switch("shfe2ps");
         _Switch("ine2ps");
         _Options();
         _Insts();
-        for (const char* key : kAddressKeys) {
-            _Address(key);
+        for (const AddressKey& address : kAddressKeys) {
+            _Address(address.key);
         }
         _CpuCore();
         _Refusals();
@@ -220,71 +230,74 @@ private:
 
     void _Warn(const char* key, std::string text) { _Add(ConfigFinding::WARNING, key, std::move(text)); }
 
-    void _Number(const NumberKey& rule) {
-        const std::string* value = _Value(rule.key);
+    // The number the reader takes from `key`'s text; false, after any
+    // finding, when nothing more is to be said of it.
+    bool _Number(const char* key, long& number) {
+        const std::string* value = _Value(key);
         if (value == nullptr) {
-            return;
+            return false;
         }
-        const std::string head = std::string(rule.key) + " = " + *value + ": ";
+        const std::string head = std::string(key) + " = " + *value + ": ";
         if (value->empty()) {
-            if (*rule.defaultText != '\0' && strcmp(rule.defaultText, "0") != 0) {
-                _Warn(rule.key,
-                      std::string(rule.key) + " is empty: read as 0, not the default " + rule.defaultText);
+            const std::string& defaultValue = read_keys().at(key);
+            if (!defaultValue.empty() && defaultValue != "0") {
+                _Warn(key, std::string(key) + " is empty: read as 0, not the default " + defaultValue);
             }
-            return;
+            return false;
         }
         const char* text = value->c_str();
         char* end = nullptr;
         errno = 0;
-        const long number = strtol(text, &end, 10);
+        number = strtol(text, &end, 10);
         if (end == text) {
-            _Warn(rule.key, head + "not a number, read as 0");
-            return;
+            _Warn(key, head + "not a number, read as 0");
+            return false;
         }
         if (*end == 'x' || *end == 'X') {
-            _Warn(rule.key, head + "hexadecimal is not read, read as " + std::to_string(number));
-            return;
+            _Warn(key, head + "hexadecimal is not read, read as " + std::to_string(number));
+            return false;
         }
         if (*end != '\0') {
-            _Warn(rule.key, head + "the text after the number is ignored, read as " + std::to_string(number));
+            _Warn(key, head + "the text after the number is ignored, read as " + std::to_string(number));
         }
         if (errno == ERANGE) {
-            _Warn(rule.key, head + "out of range, read as " + std::to_string(number));
+            _Warn(key, head + "out of range, read as " + std::to_string(number));
+            return false;
+        }
+        return true;
+    }
+
+    void _Integer(const IntegerKey& rule) {
+        long number = 0;
+        if (!_Number(rule.key, number)) {
             return;
         }
-        if (strcmp(rule.key, "shield_price_check") == 0) {
-            if (*value != "0" && *value != "1") {
-                _Warn(rule.key,
-                      head + "only 1 shields the price check; read as " + (number == 1 ? "1 (on)" : "off"));
-            }
-            return;
-        }
-        if (strcmp(rule.key, "log_level") == 0) {
-            if (number < rule.min || number > rule.max) {
-                _Warn(rule.key, head + "outside 0..31 (error 1, warning 2, info 4, debug 8, debug_ex 16); " +
-                                    "the mask is used as it is");
-            }
-            return;
-        }
-        if (number < rule.min || number > rule.max) {
-            _Warn(rule.key, head + "does not fit " + rule.width + ", the feed uses " + _Effective(rule.key));
+        const long min = rule.isSigned ? -(1L << (rule.bits - 1)) : 0;
+        const long max = rule.isSigned ? (1L << (rule.bits - 1)) - 1 : (1L << rule.bits) - 1;
+        if (number < min || number > max) {
+            _Warn(rule.key, std::string(rule.key) + " = " + *_Value(rule.key) + ": does not fit " +
+                                std::to_string(rule.bits) + " bits, the feed uses " +
+                                std::to_string(rule.field(m_refResult.config)));
         }
     }
 
-    std::string _Effective(const char* key) const {
-        const ExanicMdConfigData& c = m_refResult.config;
-        const std::map<std::string, long> fields = {
-            {"shfe2ps_topic_id", c.shfe2ps_topic_id},
-            {"shfe4ps_topic_id", c.shfe4ps_topic_id},
-            {"ine2ps_topic_id", c.ine2ps_topic_id},
-            {"ine4ps_topic_id", c.ine4ps_topic_id},
-            {"md2ps_snap_port", c.md2ps_snap_port},
-            {"md4ps_snap_port", c.md4ps_snap_port},
-            {"cpucore", c.cpucore},
-            {"split_all_field", c.split_all_field},
-            {"timeout_cnt", c.timeout_cnt},
-        };
-        return std::to_string(fields.at(key));
+    void _ShieldPriceCheck() {
+        long number = 0;
+        const char* key = "shield_price_check";
+        if (_Number(key, number) && *_Value(key) != "0" && *_Value(key) != "1") {
+            _Warn(key, std::string(key) + " = " + *_Value(key) +
+                           ": only 1 shields the price check; read as " + (number == 1 ? "1 (on)" : "off"));
+        }
+    }
+
+    void _LogLevel() {
+        long number = 0;
+        const char* key = "log_level";
+        if (_Number(key, number) && (number < 0 || number > 31)) {
+            _Warn(key, std::string(key) + " = " + *_Value(key) +
+                           ": outside 0..31 (error 1, warning 2, info 4, debug 8, debug_ex 16); the mask is "
+                           "used as it is");
+        }
     }
 
     void _Switch(const char* key) {
@@ -312,7 +325,7 @@ private:
             if (lower(entry) == "all") {
                 _Warn("insts", "insts entry " + entry + ": an instrument list, not all (only insts = all, " +
                                    "alone and in lower case, subscribes every instrument)");
-            } else if (entry.size() > kLongestInstEntry) {
+            } else if (entry.size() > kListenEntryMaxLen) {
                 _Warn("insts",
                       "insts entry " + entry + " is longer than six characters: no instrument can " +
                           "match it (entries are a product such as cu, or an identifier's first six " +
@@ -401,30 +414,27 @@ int ConfigCheckResult::ExitStatus() const {
     return status;
 }
 
-IniLine CConfigCheck::ReadLine(const std::string& raw) {
-    return CConfigParse::_ReadLine(raw);
-}
-
 std::string CConfigCheck::Trim(const std::string& text) {
     return CConfigParse::_Trim(text);
 }
 
-const std::vector<std::string>& CConfigCheck::KnownKeys() {
-    static const std::vector<std::string> keys = {
-        "device",          "insts",           "shfe2ps_ip_a",       "shfe2ps_ip_b",
-        "shfe4ps_ip_a",    "shfe4ps_ip_b",    "ine2ps_ip_a",        "ine2ps_ip_b",
-        "ine4ps_ip_a",     "ine4ps_ip_b",     "shfe2ps_topic_id",   "shfe4ps_topic_id",
-        "ine2ps_topic_id", "ine4ps_topic_id", "md2ps_snap_port",    "md4ps_snap_port",
-        "cpucore",         "options",         "split_all_field",    "shfe2ps",
-        "ine2ps",          "timeout_cnt",     "shield_price_check", "log_level",
-    };
+std::vector<std::string> CConfigCheck::KnownKeys() {
+    std::vector<std::string> keys;
+    for (const auto& entry : read_keys()) {
+        keys.push_back(entry.first);
+    }
     return keys;
+}
+
+int CConfigCheck::ReadRecord(CConfigParse& parse,
+                             const std::function<void(const char*, const char*)>& observer) {
+    return parse._ReadRecord(observer);
 }
 
 std::string CConfigCheck::NearestKey(const std::string& key) {
     std::string best;
     size_t bestDistance = 3;
-    for (const std::string& known : KnownKeys()) {
+    for (const auto& [known, defaultValue] : read_keys()) {
         const size_t distance = edit_distance(key, known);
         if (distance < bestDistance && distance < key.size()) {
             best = known;
@@ -436,27 +446,23 @@ std::string CConfigCheck::NearestKey(const std::string& key) {
 
 ConfigCheckResult CConfigCheck::Check(const std::string& path) {
     ConfigCheckResult result;
-    std::ifstream file(path);
-    if (!file.is_open()) {
-        result.findings.push_back(
-            {ConfigFinding::ERROR, 0, "unable to open config file: " + path + " (" + strerror(errno) + ")"});
-        return result;
-    }
-    result.opened = true;
     CLineScan scan(result.findings);
-    scan.Scan(file);
-
     // The feed's own reader logs what it reads; a check writes no log.
     CCommonLog& log = CCommonLog::GetInstance();
     const int savedLevel = log.GetLogLevel();
     log.SetLogLevel(static_cast<ELOGLEVEL>(0));
     CConfigParse parse(result.config);
-    const int loaded = parse._LoadConfig(path);
+    const int loaded = parse._LoadConfig(
+        path,
+        [&scan](int number, const std::string& raw, const IniLine& line) { scan.Line(number, raw, line); });
+    const int openErrno = errno;
     log.SetLogLevel(static_cast<ELOGLEVEL>(savedLevel));
     if (loaded != 0) {
-        result.findings.push_back({ConfigFinding::ERROR, 0, "unable to open config file: " + path});
+        result.findings.push_back({ConfigFinding::ERROR, 0,
+                                   "unable to open config file: " + path + " (" + strerror(openErrno) + ")"});
         return result;
     }
+    result.opened = true;
     result.logLevel = parse._ReadRecord();
 
     static const std::map<std::string, std::string> kNone;
@@ -482,7 +488,7 @@ std::string CConfigCheck::Describe(const ConfigCheckResult& result) {
             levels += (levels.empty() ? "" : ", ") + std::string(names[bit]);
         }
     }
-    const std::vector<std::pair<std::string, std::string>> rows = {
+    std::vector<std::pair<std::string, std::string>> rows = {
         {"device", c.device + (result.deviceDetail.empty() ? "" : "  (" + result.deviceDetail + ")")},
         {"insts", c.insts},
         {"subscribed", c.recvall != 0 ? "every instrument"
@@ -492,27 +498,22 @@ std::string CConfigCheck::Describe(const ConfigCheckResult& result) {
         {"ine2ps", on_off(c.ine2ps)},
         {"shfe4ps", on_off(c.shfe4ps) + " (no key enables it)"},
         {"ine4ps", on_off(c.ine4ps) + " (no key enables it)"},
-        {"shfe2ps_ip_a", c.shfe2ps_ip_a},
-        {"shfe2ps_ip_b", c.shfe2ps_ip_b},
-        {"shfe4ps_ip_a", c.shfe4ps_ip_a},
-        {"shfe4ps_ip_b", c.shfe4ps_ip_b},
-        {"ine2ps_ip_a", c.ine2ps_ip_a},
-        {"ine2ps_ip_b", c.ine2ps_ip_b},
-        {"ine4ps_ip_a", c.ine4ps_ip_a},
-        {"ine4ps_ip_b", c.ine4ps_ip_b},
-        {"shfe2ps_topic_id", std::to_string(c.shfe2ps_topic_id)},
-        {"shfe4ps_topic_id", std::to_string(c.shfe4ps_topic_id)},
-        {"ine2ps_topic_id", std::to_string(c.ine2ps_topic_id)},
-        {"ine4ps_topic_id", std::to_string(c.ine4ps_topic_id)},
-        {"md2ps_snap_port", std::to_string(c.md2ps_snap_port)},
-        {"md4ps_snap_port", std::to_string(c.md4ps_snap_port)},
-        {"cpucore", std::to_string(c.cpucore) + (c.cpucore == -1 ? " (unpinned)" : "")},
-        {"split_all_field", std::to_string(c.split_all_field)},
-        {"timeout_cnt", std::to_string(c.timeout_cnt)},
-        {"shield_price_check", c.shield_price_check ? "1 (price check failures reported only)" : "0"},
-        {"log_level",
-         std::to_string(result.logLevel) + (levels.empty() ? " (nothing)" : " (" + levels + ")")},
     };
+    for (const AddressKey& address : kAddressKeys) {
+        rows.emplace_back(address.key, c.*address.field);
+    }
+    for (const IntegerKey& integer : kIntegerKeys) {
+        const long value = integer.field(c);
+        rows.emplace_back(integer.key,
+                          std::to_string(value) +
+                              (strcmp(integer.key, "cpucore") == 0 && value == -1 ? " (unpinned)" : ""));
+    }
+    rows.insert(rows.end(), {
+                                {"shield_price_check",
+                                 c.shield_price_check ? "1 (price check failures reported only)" : "0"},
+                                {"log_level", std::to_string(result.logLevel) +
+                                                  (levels.empty() ? " (nothing)" : " (" + levels + ")")},
+                            });
     std::string text;
     for (const auto& [name, value] : rows) {
         text += "  " + name + std::string(name.size() < 20 ? 20 - name.size() : 1, ' ') + value + "\n";

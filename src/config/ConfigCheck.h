@@ -3,6 +3,7 @@
 // change what the file says, and whether the feed would refuse to start.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -37,13 +38,14 @@ public:
     // a closing verdict.
     static std::string Report(const std::string& path, const ConfigCheckResult& result);
 
-    // The keys the feed reads from [config].
-    static const std::vector<std::string>& KnownKeys();
+    // The keys the feed reads from [config], as its reader asks for them.
+    static std::vector<std::string> KnownKeys();
     // The known key nearest `key` by edits (a swap of neighbours counts as
     // one), or empty when none is close.
     static std::string NearestKey(const std::string& key);
 
-    // The reader's own line rules and trimming.
-    static IniLine ReadLine(const std::string& raw);
+    // The reader's own trimming, and its record reading with each key and
+    // default it asks for reported to `observer`.
     static std::string Trim(const std::string& text);
+    static int ReadRecord(CConfigParse& parse, const std::function<void(const char*, const char*)>& observer);
 };

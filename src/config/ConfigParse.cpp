@@ -84,7 +84,7 @@ IniLine CConfigParse::_ReadLine(const std::string& raw) {
     return result;
 }
 
-int CConfigParse::_LoadConfig(const std::string& path) {
+int CConfigParse::_LoadConfig(const std::string& path, const LineObserver& observer) {
     QUVO_LOG(LOG_INFO, "read configure file: %s", path.c_str());
     std::ifstream file(path);
     if (!file.is_open()) {
@@ -94,8 +94,12 @@ int CConfigParse::_LoadConfig(const std::string& path) {
 
     std::string current;
     std::string raw;
+    int number = 0;
     while (std::getline(file, raw)) {
         const IniLine line = _ReadLine(raw);
+        if (observer) {
+            observer(++number, raw, line);
+        }
         if (line.kind == IniLine::HEADING) {
             current = line.section;
             // A repeated heading discards what its earlier occurrence set.
@@ -107,9 +111,12 @@ int CConfigParse::_LoadConfig(const std::string& path) {
     return 0;
 }
 
-int CConfigParse::_ReadRecord() {
+int CConfigParse::_ReadRecord(const KeyObserver& observer) {
     ExanicMdConfigData& cfg = m_refConfigData;
-    auto get = [this](const char* key, const char* defaultValue) {
+    auto get = [this, &observer](const char* key, const char* defaultValue) {
+        if (observer) {
+            observer(key, defaultValue);
+        }
         return _GetConfigData("config", key, defaultValue);
     };
 

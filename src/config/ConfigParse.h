@@ -2,7 +2,9 @@
 // fills, which every component then reads and none writes.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -38,6 +40,9 @@ struct ExanicMdConfigData {
     bool ine4ps = false;
 };
 
+// An `insts` entry matches an identifier by at most its first six characters.
+constexpr size_t kListenEntryMaxLen = 6;
+
 // One line of the configuration file, as the reader takes it.
 struct IniLine {
     enum EKind { BLANK, HEADING, UNCLOSED_HEADING, NO_EQUALS, KEY_VALUE };
@@ -62,10 +67,16 @@ private:
     // The configuration check reads files with the same rules.
     friend class CConfigCheck;
 
-    int _LoadConfig(const std::string& path);
+    // Sees each line as the reader takes it: its number from 1, the text as
+    // read, and what the reader made of it.
+    using LineObserver = std::function<void(int number, const std::string& raw, const IniLine& line)>;
+    // A key the record reads, with the default it falls back to.
+    using KeyObserver = std::function<void(const char* key, const char* defaultValue)>;
+
+    int _LoadConfig(const std::string& path, const LineObserver& observer = nullptr);
     static IniLine _ReadLine(const std::string& raw);
     // Fills the record from `sections`; returns the log level value.
-    int _ReadRecord();
+    int _ReadRecord(const KeyObserver& observer = nullptr);
     static std::string _Trim(const std::string& s);
     // Always splits on the comma, whatever `sep` is.
     static std::vector<std::string> _SplitByChar(const std::string& s, char sep);

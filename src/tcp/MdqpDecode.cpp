@@ -37,8 +37,7 @@ inline bool SlotOf(EMdqpDataType type, int32_t instNo, uint32_t& slot) {
 
 // strncpy of at most 15 characters: the rest of the 15 is zero-padded and the
 // sixteenth byte is left as it was.
-inline void CopyId(unsigned char* dst, const char* src)
-{
+inline void CopyId(unsigned char* dst, const char* src) {
     size_t i = 0;
     for (; i < 15 && src[i] != '\0'; ++i) {
         dst[i] = static_cast<unsigned char>(src[i]);
@@ -147,7 +146,7 @@ int CExanicTcpFunc::_ParseMdqp(MdqpHeader* msg, unsigned short port) {
                     bool subscribe = cfg.recvall != 0;
                     if (!subscribe) {
                         const size_t idLen = strnlen(info.inst_id, sizeof(info.inst_id));
-                        const size_t prefixLen = idLen < 6 ? idLen : 6;
+                        const size_t prefixLen = idLen < kListenEntryMaxLen ? idLen : kListenEntryMaxLen;
                         for (uint32_t i = 0; i < cfg.total_listen_cnt && i < cfg.listen_insts.size(); ++i) {
                             const std::string& entry = cfg.listen_insts[i];
                             if ((entry.size() == 2 && idLen >= 2 &&

@@ -82,6 +82,19 @@ TEST_F(ConfigCheckTest, FourPsSwitchesHaveNoKey) {
 }
 
 TEST_F(ConfigCheckTest, EveryKeyTheFeedReadsIsKnown) {
+    // The known keys are asked of the reader: exactly the keys of [config].
+    EXPECT_EQ(CConfigCheck::KnownKeys(), (std::vector<std::string>{"cpucore",          "device",
+                                                                   "ine2ps",           "ine2ps_ip_a",
+                                                                   "ine2ps_ip_b",      "ine2ps_topic_id",
+                                                                   "ine4ps_ip_a",      "ine4ps_ip_b",
+                                                                   "ine4ps_topic_id",  "insts",
+                                                                   "log_level",        "md2ps_snap_port",
+                                                                   "md4ps_snap_port",  "options",
+                                                                   "shfe2ps",          "shfe2ps_ip_a",
+                                                                   "shfe2ps_ip_b",     "shfe2ps_topic_id",
+                                                                   "shfe4ps_ip_a",     "shfe4ps_ip_b",
+                                                                   "shfe4ps_topic_id", "shield_price_check",
+                                                                   "split_all_field",  "timeout_cnt"}));
     std::string text = kClean;
     for (const std::string& key : CConfigCheck::KnownKeys()) {
         if (key != "device" && key != "insts" && key != "shfe2ps") {
