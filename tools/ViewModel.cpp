@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "src/api/InstrumentId.h"
 #include "tools/DumpFormat.h"
 
 namespace {
@@ -62,13 +63,6 @@ std::string view_change_percent(double last, double first) {
 
 bool view_has_last(const instrument& inst) {
     return inst.last_px != 0.0 || inst.volume != 0;
-}
-
-bool view_is_spread(const instrument& inst) {
-    // The record carries no instrument class: a spread is named after its two
-    // legs (cu2501-cu2601), and the feed tells them apart the same way.
-    return memchr(inst.inst_id, '-',
-                  strnlen(reinterpret_cast<const char*>(inst.inst_id), sizeof(inst.inst_id))) != nullptr;
 }
 
 std::array<bool, QUVO_BOOK_LEVELS> view_levels_in_order(const instrument& inst, bool bid) {
@@ -214,7 +208,7 @@ std::string CViewModel::_Change(const view_row& row, int decimals) {
 }
 
 std::string CViewModel::_ChangePercent(const view_row& row) {
-    if (!row.hasBaseline || !view_has_last(row.inst) || view_is_spread(row.inst)) {
+    if (!row.hasBaseline || !view_has_last(row.inst) || is_spread_instrument(row.inst)) {
         return "";
     }
     return view_change_percent(row.inst.last_px, row.baseline);

@@ -22,8 +22,6 @@ std::string view_change_percent(double last, double first);
 // Whether `inst` carries a last price: 0 until the first trade, but a spread
 // may trade at 0 once volume exists.
 bool view_has_last(const instrument& inst);
-// Whether `inst` is a spread, whose price may be 0 or negative.
-bool view_is_spread(const instrument& inst);
 // Which levels of one side the ladder shows when it hides the local levels
 // out of order: every exchange level, and a local level only when it and the
 // level shown above it hold a price and its price is strictly worse (lower

@@ -16,3 +16,9 @@ inline bool inst_id_contains(const unsigned char (&id)[sizeof(instrument::inst_i
 inline bool is_tas_instrument(const instrument& inst) {
     return inst_id_contains(inst.inst_id, "TAS");
 }
+
+// A spread is named after its two legs (cu2501-cu2601); its prices may be 0
+// or negative and it has no price limits.
+inline bool is_spread_instrument(const instrument& inst) {
+    return inst_id_contains(inst.inst_id, "-");
+}

@@ -29,7 +29,7 @@ int CExanicTcpFunc::ShfeInstPriceCheck(instrument instmts, inter_info interInfo)
     if (is_tas_instrument(instmts)) {
         return 0;
     }
-    const bool isSpread = inst_id_contains(instmts.inst_id, "-");
+    const bool isSpread = is_spread_instrument(instmts);
 
     // Asks from the far side inwards, then bids: one falling list.
     std::vector<double>& shfe_inst_2ps_price = m_checkPrices;

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "src/api/InstrumentId.h"
 #include "src/api/SharedSegments.h"
 #include "src/api/UpdateRing.h"
 #include "tests/support/FeedSegments.h"
@@ -55,16 +56,16 @@ TEST(ViewFormatTest, ChangeHasTheDecimalsGiven) {
 }
 
 TEST(ViewFormatTest, SpreadsAreNamedAfterTheirLegs) {
-    EXPECT_TRUE(view_is_spread(named("cu2501-cu2601")));
-    EXPECT_TRUE(view_is_spread(named("sc2501-sc2503")));
-    EXPECT_FALSE(view_is_spread(named("cu2501")));
-    EXPECT_FALSE(view_is_spread(named("cu2501C72000")));
-    EXPECT_FALSE(view_is_spread(named("cu2501TAS")));
+    EXPECT_TRUE(is_spread_instrument(named("cu2501-cu2601")));
+    EXPECT_TRUE(is_spread_instrument(named("sc2501-sc2503")));
+    EXPECT_FALSE(is_spread_instrument(named("cu2501")));
+    EXPECT_FALSE(is_spread_instrument(named("cu2501C72000")));
+    EXPECT_FALSE(is_spread_instrument(named("cu2501TAS")));
     instrument full{};
     memcpy(full.inst_id, "abcdefghijklmno-", 16);  // no terminating NUL
-    EXPECT_TRUE(view_is_spread(full));
+    EXPECT_TRUE(is_spread_instrument(full));
     memcpy(full.inst_id, "abcdefghijklmnop", 16);
-    EXPECT_FALSE(view_is_spread(full));
+    EXPECT_FALSE(is_spread_instrument(full));
 }
 
 // Levels 1 to 10 of one side; a price of 0 with volume 0 is an empty level.
