@@ -79,6 +79,10 @@ static inline uint32_t quvo_ine_slot(uint32_t inst_no) {
 static inline int quvo_slot_is_ine(uint32_t slot) {
     return slot >= QUVO_SHFE_MAX_INST_CNT;
 }
+/* The exchange's instrument number held in `slot`. */
+static inline uint32_t quvo_slot_inst_no(uint32_t slot) {
+    return quvo_slot_is_ine(slot) ? QUVO_INST_SLOTS - 1 - slot : slot;
+}
 
 #ifdef __cplusplus
 #define QUVO_STATIC_ASSERT(cond, msg) static_assert(cond, msg)

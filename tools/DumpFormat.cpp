@@ -111,7 +111,7 @@ const char* exchange_name(uint32_t slot) {
 }
 
 uint32_t inst_no_of(uint32_t slot) {
-    return quvo_slot_is_ine(slot) ? QUVO_INST_SLOTS - 1 - slot : slot;
+    return quvo_slot_inst_no(slot);
 }
 
 std::string format_update_time(uint32_t updateTime, uint16_t milliSec) {

@@ -39,4 +39,13 @@ TEST(CommonHeaderTest, SlotsSplitBetweenExchangesAt16384) {
     EXPECT_TRUE(quvo_slot_is_ine(quvo_ine_slot(0)));
 }
 
+TEST(CommonHeaderTest, SlotGivesBackItsInstrumentNumber) {
+    for (const uint32_t n : {0u, 1u, 4095u}) {
+        EXPECT_EQ(quvo_slot_inst_no(quvo_ine_slot(n)), n);
+    }
+    for (const uint32_t n : {0u, 1u, 16383u}) {
+        EXPECT_EQ(quvo_slot_inst_no(quvo_shfe_slot(n)), n);
+    }
+}
+
 }  // namespace
