@@ -49,11 +49,6 @@ std::string json_line(const nlohmann::ordered_json& value) {
     return value.dump(-1, ' ', true) + "\n";
 }
 
-void trim_line_end(std::string& text) {
-    const size_t last = text.find_last_not_of(' ');
-    text.erase(last == std::string::npos ? 0 : last + 1);
-}
-
 // Accepts a value as a whole number of units of the last decimal when it lies
 // within 1e-11 of one, relatively: tens of thousands of units in the last
 // place, more than tick arithmetic and long sums of amounts leave behind, yet
@@ -143,15 +138,32 @@ std::string format_table(const instrument& inst, uint32_t slot) {
             format_amount(inst.ask_totamount) + "\n";
     text += printf_string("%7s%11s%15s | %-15s%11s\n", "level", "bid vol", "bid px", "ask px", "ask vol");
     for (int k = 0; k < QUVO_BOOK_LEVELS; ++k) {
-        const bool bidEmpty = inst.bid_px[k] == 0.0 && inst.bid_vol[k] == 0;
-        const bool askEmpty = inst.ask_px[k] == 0.0 && inst.ask_vol[k] == 0;
-        std::string line = printf_string(
-            "%7d%11s%15s | %-15s%11s%s", k + 1, bidEmpty ? "" : std::to_string(inst.bid_vol[k]).c_str(),
-            bidEmpty ? "" : price(inst.bid_px[k]).c_str(), askEmpty ? "" : price(inst.ask_px[k]).c_str(),
-            askEmpty ? "" : std::to_string(inst.ask_vol[k]).c_str(), k >= kExchangeLevels ? "  local" : "");
-        trim_line_end(line);
-        text += line + "\n";
+        text += format_level_row(k + 1, inst.bid_px[k], inst.bid_vol[k], inst.ask_px[k], inst.ask_vol[k],
+                                 decimals, k >= kExchangeLevels ? "local" : "") +
+                "\n";
     }
+    return text;
+}
+
+bool level_empty(double px, int32_t vol) {
+    return px == 0.0 && vol == 0;
+}
+
+void trim_right(std::string& text) {
+    const size_t last = text.find_last_not_of(' ');
+    text.erase(last == std::string::npos ? 0 : last + 1);
+}
+
+std::string format_level_row(int level, double bidPx, int32_t bidVol, double askPx, int32_t askVol,
+                             int decimals, const char* source) {
+    const bool bidEmpty = level_empty(bidPx, bidVol);
+    const bool askEmpty = level_empty(askPx, askVol);
+    std::string text =
+        printf_string("%7d%11s%15s | %-15s%11s  %s", level, bidEmpty ? "" : std::to_string(bidVol).c_str(),
+                      bidEmpty ? "" : format_price(bidPx, decimals).c_str(),
+                      askEmpty ? "" : format_price(askPx, decimals).c_str(),
+                      askEmpty ? "" : std::to_string(askVol).c_str(), source);
+    trim_right(text);
     return text;
 }
 

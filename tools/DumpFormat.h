@@ -40,6 +40,15 @@ double round_price(double value, int decimals);
 // A single amount (turnover, totals) at its own precision.
 std::string format_amount(double value);
 
+// A level with neither price nor volume, shown blank.
+bool level_empty(double px, int32_t vol);
+// One ladder row: level number, bid volume and price | ask price and volume,
+// then `source`; an empty side blank, no blanks at the end, no newline.
+std::string format_level_row(int level, double bidPx, int32_t bidVol, double askPx, int32_t askVol,
+                             int decimals, const char* source);
+// Cuts the blanks at the end of `text`.
+void trim_right(std::string& text);
+
 // Header, statistics and the ten-level ladder, ending in a newline. Prices
 // are written at the precision of the record's prices, amounts each at its own.
 std::string format_table(const instrument& inst, uint32_t slot);

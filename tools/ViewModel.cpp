@@ -13,10 +13,6 @@ namespace {
 
 constexpr int64_t kQuietMs = 2000;
 
-bool level_empty(double px, int32_t vol) {
-    return px == 0.0 && vol == 0;
-}
-
 std::string level_px(double px, int32_t vol, int decimals) {
     return level_empty(px, vol) ? "" : format_price(px, decimals);
 }
@@ -30,11 +26,6 @@ std::string lower(std::string text) {
         c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
     }
     return text;
-}
-
-void trim_right(std::string& text) {
-    const size_t last = text.find_last_not_of(' ');
-    text.erase(last == std::string::npos ? 0 : last + 1);
 }
 
 constexpr size_t kStatColumns = 3;
@@ -457,12 +448,8 @@ std::vector<view_line> CViewModel::LadderLines(int64_t nowMs, int width) const {
                              : !m_hideOutOfOrder || !level_empty(bidPx, bidVol) || !level_empty(askPx, askVol)
                                  ? "local"
                                  : "";
-        std::string text = printf_string(
-            "%7d%11s%15s | %-15s%11s  %s", k + 1, level_vol(bidPx, bidVol).c_str(),
-            level_px(bidPx, bidVol, decimals).c_str(), level_px(askPx, askVol, decimals).c_str(),
-            level_vol(askPx, askVol).c_str(), source);
-        trim_right(text);
-        lines.push_back({text, local ? EViewStyle::Local : EViewStyle::Normal});
+        lines.push_back({format_level_row(k + 1, bidPx, bidVol, askPx, askVol, decimals, source),
+                         local ? EViewStyle::Local : EViewStyle::Normal});
     }
     if (m_hideOutOfOrder) {
         lines.push_back({});
