@@ -4,12 +4,17 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 
+namespace {
+
+// The process holding a lock on the file open at `fd`, from /proc/locks;
+// 0 when none is listed.
 pid_t feed_lock_holder(int fd) {
     struct stat info;
     if (fstat(fd, &info) != 0) {
@@ -39,6 +44,8 @@ pid_t feed_lock_holder(int fd) {
     fclose(locks);
     return holder;
 }
+
+}  // namespace
 
 int feed_lock_key_files(const std::string& ringKeyFile, const std::string& areaKeyFile,
                         std::string& message) {

@@ -3,8 +3,6 @@
 // process however it ends (SIGKILL included). Readers never take it.
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
 
 // Takes the lock on `ringKeyFile` and `areaKeyFile`. Returns 0 when held, or
@@ -12,7 +10,3 @@
 // -1 when another process holds it, with `message` naming the key files and
 // that process.
 int feed_lock_key_files(const std::string& ringKeyFile, const std::string& areaKeyFile, std::string& message);
-
-// The process holding a lock on the file open at `fd`, from /proc/locks;
-// 0 when none is listed.
-pid_t feed_lock_holder(int fd);

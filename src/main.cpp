@@ -66,6 +66,10 @@ int main(int argc, char** argv) {
         fputs(CConfigCheck::Report(argv[2], result).c_str(), stdout);
         return result.ExitStatus();
     }
+    if (argc >= 2 && strcmp(argv[1], "--check") == 0) {
+        fprintf(stderr, "%s: --check takes one argument, the configuration file (see --help)\n", argv[0]);
+        return -1;
+    }
     if (argc == 2 && strncmp(argv[1], "--", 2) == 0) {
         fprintf(stderr, "%s: unknown option %s (see --help)\n", argv[0], argv[1]);
         return -1;
@@ -75,7 +79,8 @@ int main(int argc, char** argv) {
         return -1;
     }
     std::string message;
-    if (feed_lock_key_files(shm_key_path("key_f"), shm_key_path("key_e"), message) != 0) {
+    if (feed_lock_key_files(shm_key_path(QUVO_UPDATE_RING_KEY_FILE), shm_key_path(QUVO_MD_AREA_KEY_FILE),
+                            message) != 0) {
         fprintf(stderr, "%s: %s\n", argv[0], message.c_str());
         return kExitFeedRunning;
     }
