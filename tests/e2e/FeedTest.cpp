@@ -3,10 +3,8 @@
 // simulator's expected state.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -15,8 +13,10 @@
 #include "tests/support/BookCheck.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/LogLines.h"
+#include "tests/support/Poll.h"
 #include "tests/support/ShmSandbox.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/TextUtil.h"
 
 namespace {
 
@@ -77,14 +77,6 @@ protected:
         EXPECT_LE(announced, expected.records);
     }
 
-    static size_t Count(const std::string& log, const std::string& text) {
-        size_t n = 0;
-        for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) {
-            ++n;
-        }
-        return n;
-    }
-
     CShmSandbox m_shm;
     CTempDir m_dir;
 };
@@ -94,11 +86,11 @@ TEST_F(FeedE2E, ShfeOnlyOnTheSimulator) {
         Config("sim:shfe=300,ine=40,rate=50000,records=20000,seed=7,exit=0.3,expect=" + ExpectPath(),
                "insts = all\nshfe2ps = enabled\n");
     const std::string log = RunFeed(config);
-    EXPECT_EQ(Count(log, "shfe2ps init finished"), 1u) << log;
-    EXPECT_EQ(Count(log, "ine2ps init finished"), 0u);
-    EXPECT_EQ(Count(log, "initialization completed"), 1u);
-    EXPECT_EQ(Count(log, "process decode buffer"), 1u);
-    EXPECT_EQ(Count(log, "received Ctrl + C signal in api."), 1u);
+    EXPECT_EQ(count_of(log, "shfe2ps init finished"), 1u) << log;
+    EXPECT_EQ(count_of(log, "ine2ps init finished"), 0u);
+    EXPECT_EQ(count_of(log, "initialization completed"), 1u);
+    EXPECT_EQ(count_of(log, "process decode buffer"), 1u);
+    EXPECT_EQ(count_of(log, "received Ctrl + C signal in api."), 1u);
     SubscriptionRules rules;
     rules.ine = false;
     CheckBooks(rules, 1000);
@@ -109,9 +101,9 @@ TEST_F(FeedE2E, ShfeAndIneOnTheSimulator) {
         Config("sim:shfe=250,ine=120,rate=50000,records=20000,seed=11,exit=0.3,expect=" + ExpectPath(),
                "insts = all\nshfe2ps = enabled\nine2ps = enabled\n");
     const std::string log = RunFeed(config);
-    EXPECT_EQ(Count(log, "shfe2ps init finished"), 1u) << log;
-    EXPECT_EQ(Count(log, "ine2ps init finished"), 1u);
-    EXPECT_EQ(Count(log, "initialization completed"), 1u);
+    EXPECT_EQ(count_of(log, "shfe2ps init finished"), 1u) << log;
+    EXPECT_EQ(count_of(log, "ine2ps init finished"), 1u);
+    EXPECT_EQ(count_of(log, "initialization completed"), 1u);
     CheckBooks(SubscriptionRules{}, 1000);
 }
 
@@ -144,9 +136,9 @@ TEST_F(FeedE2E, SnapshotOverFaultyTcp) {
         "insts = all\nshfe2ps = enabled\nine2ps = enabled\nlog_level = 15\n");
     const std::string log = RunFeed(config);
     // The reset started the snapshot over, so a feed finished more than once.
-    EXPECT_GE(Count(log, "init finished"), 3u) << log;
-    EXPECT_GE(Count(log, "tcp checksum is not correct"), 1u);
-    EXPECT_EQ(Count(log, "initialization completed"), 1u);
+    EXPECT_GE(count_of(log, "init finished"), 3u) << log;
+    EXPECT_GE(count_of(log, "tcp checksum is not correct"), 1u);
+    EXPECT_EQ(count_of(log, "initialization completed"), 1u);
     CheckBooks(SubscriptionRules{}, 1000);
 }
 
@@ -158,9 +150,9 @@ TEST_F(FeedE2E, RecordFaultsLeaveTheBooksRight) {
             ExpectPath(),
         "insts = all\nshfe2ps = enabled\nine2ps = enabled\n");
     const std::string log = RunFeed(config);
-    EXPECT_GE(Count(log, "abnormal process fieldID"), 1u) << log;
-    EXPECT_EQ(Count(log, "discontinuous changeNo"), 0u);
-    EXPECT_EQ(Count(log, "start initialization"), 1u);
+    EXPECT_GE(count_of(log, "abnormal process fieldID"), 1u) << log;
+    EXPECT_EQ(count_of(log, "discontinuous changeNo"), 0u);
+    EXPECT_EQ(count_of(log, "start initialization"), 1u);
     CheckBooks(SubscriptionRules{}, 1000);
 }
 
@@ -169,11 +161,11 @@ TEST_F(FeedE2E, ChangeNumberGapRestartsAndRecovers) {
         "sim:shfe=200,ine=50,rate=50000,records=20000,seed=13,exit=0.5,gap=0.0002,expect=" + ExpectPath(),
         "insts = all\nshfe2ps = enabled\nine2ps = enabled\n");
     const std::string log = RunFeed(config);
-    const size_t gaps = Count(log, "discontinuous changeNo");
+    const size_t gaps = count_of(log, "discontinuous changeNo");
     EXPECT_GE(gaps, 1u) << log;
     // Every gap starts a new run with a fresh snapshot.
-    EXPECT_EQ(Count(log, "start initialization"), gaps + 1);
-    EXPECT_EQ(Count(log, "initialization completed"), gaps + 1);
+    EXPECT_EQ(count_of(log, "start initialization"), gaps + 1);
+    EXPECT_EQ(count_of(log, "initialization completed"), gaps + 1);
     CheckBooks(SubscriptionRules{}, 1000);
 }
 
@@ -181,7 +173,7 @@ TEST_F(FeedE2E, ReplayOfSimulatedCaptures) {
     Simulate({"--records=40000", "--warmup=2000", "--shfe=300", "--ine=80", "--seed=17"});
     const std::string log =
         RunFeed(Config(ReplayDevice(",speed=5"), "insts = all\nshfe2ps = enabled\nine2ps = enabled\n"));
-    EXPECT_EQ(Count(log, "initialization completed"), 1u) << log;
+    EXPECT_EQ(count_of(log, "initialization completed"), 1u) << log;
     CheckBooks(SubscriptionRules{}, 1000);
 }
 
@@ -193,7 +185,7 @@ TEST_F(FeedE2E, ReplayWithRecordAndTcpFaults) {
               "--tcp_loss=0.05", "--tcp_duplicate=0.05", "--tcp_other=0.05", "--tcp_padding=0.1"});
     const std::string log =
         RunFeed(Config(ReplayDevice(), "insts = all\nshfe2ps = enabled\nine2ps = enabled\n"));
-    EXPECT_EQ(Count(log, "initialization completed"), 1u) << log;
+    EXPECT_EQ(count_of(log, "initialization completed"), 1u) << log;
     CheckBooks(SubscriptionRules{}, 0);
 }
 
@@ -207,15 +199,11 @@ public:
 
     // The value of `key` on port `port`'s line, or "" when it is absent.
     std::string Get(int port, const std::string& key) const {
-        std::istringstream lines(read_file(m_path));
-        std::string line;
-        while (std::getline(lines, line)) {
+        for (const std::string& line : split_lines(read_file(m_path))) {
             if (line.rfind("port=" + std::to_string(port) + " ", 0) != 0) {
                 continue;
             }
-            std::istringstream words(line);
-            std::string word;
-            while (words >> word) {
+            for (const std::string& word : words(line)) {
                 if (word.rfind(key + "=", 0) == 0) {
                     return word.substr(key.size() + 1);
                 }
@@ -308,20 +296,17 @@ TEST_F(FeedE2E, InterruptDuringTheSnapshot) {
         Config("sim:shfe=100,ine=0,rate=1000", "insts = all\nshfe2ps = enabled\nine2ps = enabled\n");
     const std::string output = m_dir.Path() + "/feed.out";
     CChildProcess feed({QUVO_MD_PATH, config}, m_dir.Path(), output);
-    for (int i = 0; i < 5000 && read_file(output).find("shfe2ps init finished") == std::string::npos; ++i) {
-        usleep(2000);
-    }
-    ASSERT_NE(read_file(output).find("shfe2ps init finished"), std::string::npos) << read_file(output);
+    ASSERT_TRUE(wait_for_text(output, "shfe2ps init finished", 10, 2)) << read_file(output);
     feed.Signal(SIGINT);
     int status = -1;
     ASSERT_TRUE(feed.Wait(30, status));
     EXPECT_EQ(status, 0);
     const std::string log = read_file(output);
-    EXPECT_EQ(Count(log, "received Ctrl + C signal in api."), 1u);
-    EXPECT_EQ(Count(log, "initialization completed"), 0u);
-    EXPECT_EQ(Count(log, "too many initialization failures"), 0u);
+    EXPECT_EQ(count_of(log, "received Ctrl + C signal in api."), 1u);
+    EXPECT_EQ(count_of(log, "initialization completed"), 0u);
+    EXPECT_EQ(count_of(log, "too many initialization failures"), 0u);
     // The run went on through the replay, which ended at once, and stopped.
-    EXPECT_EQ(Count(log, "process decode buffer"), 1u);
+    EXPECT_EQ(count_of(log, "process decode buffer"), 1u);
     // Both segments were detached: no process holds them any more.
     EXPECT_EQ(CShmSandbox::AttachCount(m_shm.AreaKeyPath()), 0);
     EXPECT_EQ(CShmSandbox::AttachCount(m_shm.RingKeyPath()), 0);
@@ -339,7 +324,7 @@ TEST_F(FeedE2E, UnreadableConfiguration) {
     EXPECT_EQ(log_messages(log, "[E]", "quvo_recv"),
               std::vector<std::string>{"failed to initialize config data"})
         << log;
-    EXPECT_EQ(Count(log, "unable to open config file: " + m_dir.Path() + "/missing.ini"), 1u);
+    EXPECT_EQ(count_of(log, "unable to open config file: " + m_dir.Path() + "/missing.ini"), 1u);
 }
 
 TEST_F(FeedE2E, MissingReplayFile) {

@@ -8,7 +8,6 @@
 #include <sys/shm.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -18,20 +17,14 @@
 #include "sim/SimState.h"
 #include "tests/support/BookCheck.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Poll.h"
 #include "tests/support/ShmSandbox.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/TextUtil.h"
 
 namespace {
 
 constexpr double kTimeoutSeconds = 60;
-
-double seconds_now() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
 
 // Both segments' bytes.
 std::string segment_bytes(const std::string& keyPath) {
@@ -74,21 +67,13 @@ protected:
     // returns them with the ring.
     std::string SettledSegments() {
         const double deadline = seconds_now() + kTimeoutSeconds;
-        while (seconds_now() < deadline && !contains(read_file(FeedOutput()), "process decode buffer")) {
-            usleep(20 * 1000);
+        EXPECT_TRUE(wait_for_text(FeedOutput(), "process decode buffer", kTimeoutSeconds, 20))
+            << read_file(FeedOutput());
+        std::string segments;
+        if (!wait_settled([&] { return Segments(); }, deadline - seconds_now(), 300, segments)) {
+            ADD_FAILURE() << "the books did not settle";
         }
-        EXPECT_TRUE(contains(read_file(FeedOutput()), "process decode buffer")) << read_file(FeedOutput());
-        std::string previous;
-        while (seconds_now() < deadline) {
-            const std::string now = Segments();
-            if (now == previous) {
-                return now;
-            }
-            previous = now;
-            usleep(300 * 1000);
-        }
-        ADD_FAILURE() << "the books did not settle";
-        return previous;
+        return segments;
     }
 
     std::string Segments() const {

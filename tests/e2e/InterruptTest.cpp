@@ -22,19 +22,12 @@
 #include "tests/support/LogLines.h"
 #include "tests/support/ShmSandbox.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/TextUtil.h"
 
 namespace {
 
 // Generous: under the sanitizers every run is several times slower.
 constexpr double kTimeoutSeconds = 60;
-
-size_t count_of(const std::string& text, const std::string& part) {
-    size_t n = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        ++n;
-    }
-    return n;
-}
 
 // The simulator's line saying where it raised the signal, with what it had
 // seen of the feed by then.

@@ -5,66 +5,32 @@
 // follow it.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <time.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <memory>
-#include <regex>
 #include <string>
 #include <vector>
 
 #include "interface/quvoreader.h"
 #include "tests/support/BookCheck.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Poll.h"
+#include "tests/support/Records.h"
 #include "tests/support/ShmSandbox.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/TextUtil.h"
 #include "tests/support/TmuxPane.h"
+#include "tests/support/ViewScreen.h"
 
 namespace {
 
 // Generous: under the sanitizers every process here runs several times slower.
 constexpr double kTimeoutSeconds = 60;
 
-double seconds_now() {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
-
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
-std::string id_of(const instrument& record) {
-    return std::string(reinterpret_cast<const char*>(record.inst_id),
-                       strnlen(reinterpret_cast<const char*>(record.inst_id), sizeof(record.inst_id)));
-}
-
-// The text of the list cell in the column headed `label`, on the row of the
-// instrument `id`: the columns after ID end under the end of their heading.
-std::string list_cell(const std::vector<std::string>& screen, const std::string& id,
-                      const std::string& label) {
-    if (screen.size() < 3) {
-        return "?";
-    }
-    const size_t heading = screen[1].find(" " + label);
-    if (heading == std::string::npos) {
-        return "?";
-    }
-    const size_t end = heading + 1 + label.size();
-    for (size_t y = 2; y < screen.size(); ++y) {
-        const std::string& line = screen[y];
-        if (line.size() < 2 || line.compare(2, id.size() + 1, id + " ") != 0) {
-            continue;
-        }
-        const std::string padded = line + std::string(end, ' ');
-        size_t start = end;
-        while (start > 0 && padded[start - 1] != ' ') {
-            --start;
-        }
-        return padded.substr(start, end - start);
-    }
-    return "?";
+// The books and counts as they are now.
+std::string area_bytes(const CQuvoReader& reader) {
+    return std::string(reinterpret_cast<const char*>(reader.Area()), sizeof(share));
 }
 
 class KillE2E : public ::testing::Test {
@@ -79,54 +45,45 @@ protected:
     std::string Output(const std::string& name) const { return m_dir.Path() + "/" + name + ".out"; }
 
     bool WaitForLog(const std::string& name, const std::string& text) {
-        const double deadline = seconds_now() + kTimeoutSeconds;
-        while (seconds_now() < deadline && !contains(read_file(Output(name)), text)) {
-            usleep(10 * 1000);
-        }
-        return contains(read_file(Output(name)), text);
+        return wait_for_text(Output(name), text, kTimeoutSeconds, 10);
     }
 
-    // Reads announcements until `wanted` were read; each must name a slot in use.
-    size_t Follow(CRingFollower& follower, const CQuvoReader& reader, size_t wanted) {
+    // Reads at most `limit` announcements, up to the end marker; each must
+    // name a slot in use. Returns how many.
+    static size_t Read(CRingFollower& follower, const CQuvoReader& reader, size_t limit) {
         size_t read = 0;
-        const double deadline = seconds_now() + kTimeoutSeconds;
-        while (read < wanted && seconds_now() < deadline) {
-            uint16_t slot;
-            if (!follower.Next(slot)) {
-                usleep(1000);
-                continue;
-            }
+        uint16_t slot;
+        while (read < limit && follower.Next(slot)) {
             ++read;
             EXPECT_TRUE(slot < QUVO_INST_SLOTS && quvo_slot_in_use(reader.Area()->instmts[slot])) << slot;
         }
+        return read;
+    }
+
+    // Reads announcements until `wanted` were read; returns how many.
+    size_t Follow(CRingFollower& follower, const CQuvoReader& reader, size_t wanted) {
+        size_t read = 0;
+        poll_until(
+            [&] {
+                read += Read(follower, reader, wanted - read);
+                return read >= wanted;
+            },
+            kTimeoutSeconds, 1);
         return read;
     }
 
     // Reads the announcements up to the end marker; returns how many.
     static size_t Drain(CRingFollower& follower, const CQuvoReader& reader) {
-        size_t read = 0;
-        uint16_t slot;
-        while (follower.Next(slot)) {
-            ++read;
-            EXPECT_TRUE(slot < QUVO_INST_SLOTS && quvo_slot_in_use(reader.Area()->instmts[slot])) << slot;
-        }
-        return read;
+        return Read(follower, reader, SIZE_MAX);
     }
 
     // Copies of the area until two agree, once the feed has stopped moving it.
     static std::string SettledArea(const CQuvoReader& reader) {
-        const double deadline = seconds_now() + kTimeoutSeconds;
-        std::string previous;
-        while (seconds_now() < deadline) {
-            const std::string now(reinterpret_cast<const char*>(reader.Area()), sizeof(share));
-            if (now == previous) {
-                return now;
-            }
-            previous = now;
-            usleep(300 * 1000);
+        std::string area;
+        if (!wait_settled([&] { return area_bytes(reader); }, kTimeoutSeconds, 300, area)) {
+            ADD_FAILURE() << "the books did not settle";
         }
-        ADD_FAILURE() << "the books did not settle";
-        return previous;
+        return area;
     }
 
     CShmSandbox m_shm;
@@ -150,8 +107,7 @@ TEST_F(KillE2E, ReadersKeepTheBooksThenFollowTheSuccessor) {
     ASSERT_TRUE(view.Started());
     view.WaitScreen(
         [&](const std::vector<std::string>& s) {
-            return !s.empty() && contains(s[0], "quvo-md live") &&
-                           std::regex_search(s[0], std::regex(" [1-9][0-9]* updates/s"))
+            return !s.empty() && contains(s[0], "quvo-md live") && status_counts_updates(s)
                        ? ""
                        : std::string("the view does not follow the live feed");
         },
@@ -161,7 +117,7 @@ TEST_F(KillE2E, ReadersKeepTheBooksThenFollowTheSuccessor) {
     int status = -1;
     ASSERT_TRUE(first->Wait(kTimeoutSeconds, status));
     ASSERT_EQ(status, 128 + SIGKILL);
-    const std::string left(reinterpret_cast<const char*>(reader.Area()), sizeof(share));
+    const std::string left = area_bytes(reader);
     const instrument& record = reader.Area()->instmts[slots[0]];
     const std::string volume = std::to_string(record.volume);
     size_t quoted = 0;
@@ -178,7 +134,7 @@ TEST_F(KillE2E, ReadersKeepTheBooksThenFollowTheSuccessor) {
             if (s.empty() || !contains(s[0], " 0 updates/s") || contains(s[0], "quvo-md live")) {
                 return std::string("the status does not show the feed quiet");
             }
-            return list_cell(s, id, "VOLUME") == volume && list_cell(s, id, "UPD/S") == "0"
+            return list_cell(s, id, kVolume) == volume && list_cell(s, id, kRate) == "0"
                        ? ""
                        : id + " does not show the books left, volume " + volume;
         },
@@ -189,28 +145,27 @@ TEST_F(KillE2E, ReadersKeepTheBooksThenFollowTheSuccessor) {
     for (size_t y = 1; y < later.size(); ++y) {
         EXPECT_EQ(later[y], kept[y]) << "line " << y;
     }
-    EXPECT_TRUE(std::string(reinterpret_cast<const char*>(reader.Area()), sizeof(share)) == left)
-        << "the books changed with no feed running";
+    EXPECT_TRUE(area_bytes(reader) == left) << "the books changed with no feed running";
     uint16_t slot;
     EXPECT_FALSE(follower.Next(slot));
     EXPECT_FALSE(follower.CheckRestart());
 
     // The successor on the same key files: the killed feed's lock went with it.
     std::unique_ptr<CChildProcess> second = StartFeed("second", "rate=3000,records=6000,seed=2");
-    const double deadline = seconds_now() + kTimeoutSeconds;
     bool restarted = false;
-    while (!restarted && second->Running() && seconds_now() < deadline) {
-        restarted = follower.CheckRestart();
-        usleep(1000);
-    }
+    poll_until(
+        [&] {
+            restarted = second->Running() && follower.CheckRestart();
+            return restarted || !second->Running();
+        },
+        kTimeoutSeconds, 1);
     ASSERT_TRUE(restarted) << read_file(Output("second"));
     EXPECT_EQ(follower.Index(), 0u);
     ASSERT_TRUE(WaitForLog("second", "initialization completed")) << read_file(Output("second"));
     ASSERT_EQ(Follow(follower, reader, 500), 500u);
     view.WaitScreen(
         [&](const std::vector<std::string>& s) {
-            return !s.empty() && contains(s[0], "quvo-md live") &&
-                           std::regex_search(s[0], std::regex(" [1-9][0-9]* updates/s"))
+            return !s.empty() && contains(s[0], "quvo-md live") && status_counts_updates(s)
                        ? ""
                        : std::string("the view does not follow the new run");
         },
@@ -231,8 +186,8 @@ TEST_F(KillE2E, ReadersKeepTheBooksThenFollowTheSuccessor) {
     const std::string newVolume = std::to_string(now.volume);
     view.WaitScreen(
         [&](const std::vector<std::string>& s) {
-            return list_cell(s, newId, "VOLUME") == newVolume ? ""
-                                                              : newId + " does not show volume " + newVolume;
+            return list_cell(s, newId, kVolume) == newVolume ? ""
+                                                             : newId + " does not show volume " + newVolume;
         },
         kTimeoutSeconds);
     EXPECT_TRUE(second->Running());

@@ -4,7 +4,6 @@
 #include <signal.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
-#include <time.h>
 #include <unistd.h>
 #include <nlohmann/json.hpp>
 
@@ -12,18 +11,19 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
 #include <memory>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "src/api/SharedSegments.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/Records.h"
+#include "tests/support/Poll.h"
 #include "tests/support/ShmSandbox.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/TextUtil.h"
+#include "tests/support/TmuxPane.h"
+#include "tests/support/ViewScreen.h"
 #include "tools/DumpFormat.h"
 
 namespace {
@@ -32,29 +32,6 @@ namespace {
 constexpr double kTimeoutSeconds = 60;
 constexpr int kWidth = 160;
 constexpr int kHeight = 50;
-
-double seconds_now() {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
-
-std::vector<std::string> split_lines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
-std::string trim(const std::string& text) {
-    const size_t first = text.find_first_not_of(' ');
-    if (first == std::string::npos) {
-        return "";
-    }
-    return text.substr(first, text.find_last_not_of(' ') - first + 1);
-}
 
 // A price as the exchange wrote it: fifteen significant digits drop the
 // binary noise of tick arithmetic.
@@ -162,45 +139,6 @@ struct dump_record {
     }
 };
 
-// A list row cut at the columns of the heading: ID and EXCH are left-aligned,
-// the others right-aligned under the end of their label.
-struct list_row {
-    bool selected = false;
-    std::vector<std::string> cells;  // ID, EXCH, LAST, CHANGE, CHG%, VOLUME, BID, BIDVOL, ASK, ASKVOL, UPD/S
-};
-
-constexpr int kId = 0, kExch = 1, kLast = 2, kChange = 3, kChangePct = 4, kVolume = 5, kBid = 6, kBidVol = 7,
-              kAsk = 8, kAskVol = 9, kRate = 10;
-
-list_row parse_row(const std::string& line, const std::string& heading) {
-    static const char* const kLabels[] = {"ID",  "EXCH",   "LAST", "CHANGE", "CHG%", "VOLUME",
-                                          "BID", "BIDVOL", "ASK",  "ASKVOL", "UPD/S"};
-    // A narrow window cuts the heading: only the columns it shows are read.
-    std::vector<size_t> ends;
-    size_t from = 0;
-    for (const char* label : kLabels) {
-        const size_t at = heading.find(std::string(" ") + label, from);
-        if (at == std::string::npos) {
-            break;
-        }
-        ends.push_back(at + 1 + strlen(label));
-        from = ends.back();
-    }
-    if (ends.size() < kExch + 1) {
-        return {};
-    }
-    const std::string padded = line + std::string(200, ' ');
-    list_row row;
-    row.selected = !line.empty() && line[0] == '>';
-    const size_t exchStart = ends[kExch] - 4;
-    row.cells.push_back(trim(padded.substr(1, exchStart - 1)));
-    row.cells.push_back(trim(padded.substr(exchStart, 4)));
-    for (size_t i = kLast; i < ends.size(); ++i) {
-        row.cells.push_back(trim(padded.substr(ends[i - 1], ends[i] - ends[i - 1])));
-    }
-    return row;
-}
-
 // What the list row of `record` must show, change columns and rate aside.
 // Its prices share one count of decimals: the one the book needs, or with
 // `atLeast`, one the viewer kept from earlier books of the instrument.
@@ -244,9 +182,7 @@ std::string book_mismatch(const list_row& row, const dump_record& record, bool a
 class ViewE2E : public ::testing::Test {
 protected:
     ~ViewE2E() override {
-        if (m_tmuxStarted) {
-            Tmux({"kill-server"});
-        }
+        m_view.reset();
         StopFeed();
     }
 
@@ -298,44 +234,34 @@ protected:
     }
 
     void WaitForSegments() {
-        const double deadline = seconds_now() + kTimeoutSeconds;
-        while (seconds_now() < deadline && (CShmSandbox::SegmentId(m_shm.RingKeyPath()) < 0 ||
-                                            CShmSandbox::SegmentId(m_shm.AreaKeyPath()) < 0)) {
-            usleep(20 * 1000);
-        }
+        poll_until(
+            [&] {
+                return CShmSandbox::SegmentId(m_shm.RingKeyPath()) >= 0 &&
+                       CShmSandbox::SegmentId(m_shm.AreaKeyPath()) >= 0;
+            },
+            kTimeoutSeconds, 20);
         ASSERT_GE(CShmSandbox::SegmentId(m_shm.AreaKeyPath()), 0) << "quvo-md made no segments";
     }
 
     // Books once the simulated market has stopped: two dumps that agree.
     std::vector<dump_record> SettledBooks() {
-        const double deadline = seconds_now() + kTimeoutSeconds;
-        std::string previous;
-        while (seconds_now() < deadline) {
-            std::string text;
-            const std::vector<dump_record> records = Dump();
-            for (const dump_record& record : records) {
-                text += record.line + "\n";
-            }
-            if (!records.empty() && text == previous) {
-                return records;
-            }
-            previous = text;
-            usleep(300 * 1000);
+        std::vector<dump_record> records;
+        std::string text;
+        const bool settled = wait_settled(
+            [&] {
+                records = Dump();
+                std::string lines;
+                for (const dump_record& record : records) {
+                    lines += record.line + "\n";
+                }
+                return lines;
+            },
+            kTimeoutSeconds, 300, text);
+        if (!settled) {
+            ADD_FAILURE() << "the books did not settle";
+            return {};
         }
-        ADD_FAILURE() << "the books did not settle";
-        return {};
-    }
-
-    int Tmux(const std::vector<std::string>& args, std::string* output = nullptr) {
-        std::vector<std::string> argv = {QUVO_TMUX_PATH, "-f", "/dev/null", "-S",
-                                         m_dir.Path() + "/tmux.sock"};
-        argv.insert(argv.end(), args.begin(), args.end());
-        const std::string path = m_dir.Path() + "/tmux.out";
-        const int status = run_program(argv, m_dir.Path(), path, kTimeoutSeconds);
-        if (output != nullptr) {
-            *output = read_file(path);
-        }
-        return status;
+        return records;
     }
 
     // With `statusPath`, a shell runs the viewer and writes its exit status
@@ -344,72 +270,17 @@ protected:
         const std::string view =
             "env " QUVO_KEY_DIR_ENV "=" + m_shm.Dir() + " " + QUVO_VIEW_PATH + " " + args;
         const std::string command = statusPath.empty() ? "exec " + view : view + "; echo $? > " + statusPath;
-        std::string output;
-        ASSERT_EQ(Tmux({"new-session", "-d", "-s", "view", "-x", std::to_string(kWidth), "-y",
-                        std::to_string(kHeight), command},
-                       &output),
-                  0)
-            << output;
-        m_tmuxStarted = true;
+        m_view = std::make_unique<CTmuxPane>(QUVO_TMUX_PATH, m_dir.Path(), command, kWidth, kHeight);
+        ASSERT_TRUE(m_view->Started());
         // Keeps the pane after the viewer exits, so its exit status can be read.
-        ASSERT_EQ(Tmux({"set-option", "-t", "view", "remain-on-exit", "on"}, &output), 0) << output;
-    }
-
-    void Keys(const std::vector<std::string>& keys) {
-        std::vector<std::string> args = {"send-keys", "-t", "view"};
-        args.insert(args.end(), keys.begin(), keys.end());
-        ASSERT_EQ(Tmux(args), 0);
-    }
-
-    // Types `text` literally.
-    void Type(const std::string& text) { ASSERT_EQ(Tmux({"send-keys", "-t", "view", "-l", text}), 0); }
-
-    std::vector<std::string> Screen() {
-        std::string output;
-        EXPECT_EQ(Tmux({"capture-pane", "-p", "-t", "view"}, &output), 0) << output;
-        return split_lines(output);
-    }
-
-    // Polls the screen until `check` returns "" (the screen is right) or the
-    // time is up; fails with the last complaint and screen then.
-    std::vector<std::string> WaitScreen(
-        const std::function<std::string(const std::vector<std::string>&)>& check) {
-        const double deadline = seconds_now() + kTimeoutSeconds;
-        std::vector<std::string> screen;
-        std::string complaint;
-        while (seconds_now() < deadline) {
-            screen = Screen();
-            complaint = check(screen);
-            if (complaint.empty()) {
-                return screen;
-            }
-            usleep(50 * 1000);
-        }
-        std::string text;
-        for (const std::string& line : screen) {
-            text += line + "\n";
-        }
-        ADD_FAILURE() << complaint << "\nscreen:\n" << text;
-        return screen;
-    }
-
-    // The list's rows on screen: heading on line 1, footer on the last line.
-    static std::vector<list_row> Rows(const std::vector<std::string>& screen) {
-        std::vector<list_row> rows;
-        if (screen.size() < 3 || screen[1].find("  ID ") != 0) {
-            return rows;
-        }
-        for (size_t y = 2; y + 1 < screen.size() && !trim(screen[y]).empty(); ++y) {
-            rows.push_back(parse_row(screen[y], screen[1]));
-        }
-        return rows;
+        ASSERT_TRUE(m_view->KeepAfterExit());
     }
 
     // "" when the list shows `books` from `first` on, as many as fit.
     static std::string ListMismatch(const std::vector<std::string>& screen,
                                     const std::vector<dump_record>& books, size_t first = 0,
                                     size_t columns = kRate + 1, bool seenEarlierBooks = false) {
-        const std::vector<list_row> rows = Rows(screen);
+        const std::vector<list_row> rows = list_rows(screen);
         const size_t expected = std::min(books.size() - first, screen.size() - 3);
         if (rows.size() != expected) {
             return "the list shows " + std::to_string(rows.size()) + " rows, expected " +
@@ -426,12 +297,6 @@ protected:
             }
         }
         return "";
-    }
-
-    static std::string StatusHas(const std::vector<std::string>& screen, const std::string& text) {
-        return !screen.empty() && screen[0].find(text) != std::string::npos
-                   ? ""
-                   : "the status line lacks '" + text + "'";
     }
 
     // The value after `label` among the ladder's statistics, "" when absent.
@@ -500,7 +365,7 @@ protected:
     CShmSandbox m_shm;
     CTempDir m_dir;
     std::unique_ptr<CChildProcess> m_feed;
-    bool m_tmuxStarted = false;
+    std::unique_ptr<CTmuxPane> m_view;
 };
 
 TEST_F(ViewE2E, ListShowsEveryInstrumentInUseWithItsBook) {
@@ -508,15 +373,17 @@ TEST_F(ViewE2E, ListShowsEveryInstrumentInUseWithItsBook) {
     const std::vector<dump_record> books = SettledBooks();
     ASSERT_GT(books.size(), static_cast<size_t>(kHeight));
     StartView();
-    std::vector<std::string> screen = WaitScreen([&](const std::vector<std::string>& s) {
-        std::string mismatch = ListMismatch(s, books);
-        return mismatch.empty() ? StatusHas(s, std::to_string(books.size()) + " instruments") : mismatch;
-    });
+    std::vector<std::string> screen = m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) {
+            std::string mismatch = ListMismatch(s, books);
+            return mismatch.empty() ? status_has(s, std::to_string(books.size()) + " instruments") : mismatch;
+        },
+        kTimeoutSeconds);
     ASSERT_EQ(screen.size(), static_cast<size_t>(kHeight));
     EXPECT_NE(screen.back().find("q quit"), std::string::npos) << screen.back();
     EXPECT_NE(screen.back().find("/ search"), std::string::npos) << screen.back();
     // The viewer started after the market stopped: no change, no updates.
-    const std::vector<list_row> rows = Rows(screen);
+    const std::vector<list_row> rows = list_rows(screen);
     ASSERT_FALSE(rows.empty());
     EXPECT_TRUE(rows[0].selected);
     for (size_t i = 0; i < rows.size(); ++i) {
@@ -528,32 +395,38 @@ TEST_F(ViewE2E, ListShowsEveryInstrumentInUseWithItsBook) {
     }
 
     // End shows the last page with the last instrument selected.
-    Keys({"End"});
+    m_view->Keys({"End"});
     const size_t pageRows = kHeight - 3;
-    screen = WaitScreen([&](const std::vector<std::string>& s) {
-        const std::vector<list_row> r = Rows(s);
-        if (r.empty() || !r.back().selected) {
-            return std::string("the last row is not selected");
-        }
-        return ListMismatch(s, books, books.size() - pageRows);
-    });
-    Keys({"PPage"});
-    WaitScreen([&](const std::vector<std::string>& s) {
-        const std::vector<list_row> r = Rows(s);
-        if (r.empty() || !r.front().selected ||
-            r.front().cells[kId] != books[books.size() - 1 - pageRows].id) {
-            return std::string("PgUp did not select the row a page up at the top");
-        }
-        return std::string();
-    });
-    Keys({"Home", "Down", "Down"});
-    WaitScreen([&](const std::vector<std::string>& s) {
-        const std::vector<list_row> r = Rows(s);
-        if (r.size() < 3 || !r[2].selected || r[0].cells[kId] != books[0].id) {
-            return std::string("Home, Down, Down did not select the third row of the first page");
-        }
-        return std::string();
-    });
+    screen = m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) {
+            const std::vector<list_row> r = list_rows(s);
+            if (r.empty() || !r.back().selected) {
+                return std::string("the last row is not selected");
+            }
+            return ListMismatch(s, books, books.size() - pageRows);
+        },
+        kTimeoutSeconds);
+    m_view->Keys({"PPage"});
+    m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) {
+            const std::vector<list_row> r = list_rows(s);
+            if (r.empty() || !r.front().selected ||
+                r.front().cells[kId] != books[books.size() - 1 - pageRows].id) {
+                return std::string("PgUp did not select the row a page up at the top");
+            }
+            return std::string();
+        },
+        kTimeoutSeconds);
+    m_view->Keys({"Home", "Down", "Down"});
+    m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) {
+            const std::vector<list_row> r = list_rows(s);
+            if (r.size() < 3 || !r[2].selected || r[0].cells[kId] != books[0].id) {
+                return std::string("Home, Down, Down did not select the third row of the first page");
+            }
+            return std::string();
+        },
+        kTimeoutSeconds);
 
     // A spread that traded, in the first row a search shows: its change, but
     // no percent of a price that may be 0 or negative.
@@ -565,20 +438,22 @@ TEST_F(ViewE2E, ListShowsEveryInstrumentInUseWithItsBook) {
         }
     }
     ASSERT_NE(spread, nullptr) << "no spread traded";
-    Keys({"/"});
-    Type(spread->id);
-    Keys({"Enter"});
-    WaitScreen([&](const std::vector<std::string>& s) {
-        const std::vector<list_row> r = Rows(s);
-        if (r.empty() || r[0].cells[kId] != spread->id) {
-            return "the search does not show " + spread->id + " first";
-        }
-        if (r[0].cells[kChange] != "0" || !r[0].cells[kChangePct].empty()) {
-            return spread->id + " shows change '" + r[0].cells[kChange] + "' and '" + r[0].cells[kChangePct] +
-                   "'";
-        }
-        return book_mismatch(r[0], *spread, false);
-    });
+    m_view->Keys({"/"});
+    m_view->Type(spread->id);
+    m_view->Keys({"Enter"});
+    m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) {
+            const std::vector<list_row> r = list_rows(s);
+            if (r.empty() || r[0].cells[kId] != spread->id) {
+                return "the search does not show " + spread->id + " first";
+            }
+            if (r[0].cells[kChange] != "0" || !r[0].cells[kChangePct].empty()) {
+                return spread->id + " shows change '" + r[0].cells[kChange] + "' and '" +
+                       r[0].cells[kChangePct] + "'";
+            }
+            return book_mismatch(r[0], *spread, false);
+        },
+        kTimeoutSeconds);
 }
 
 TEST_F(ViewE2E, SearchFindsAnInstrumentWhoseLadderShowsItsBook) {
@@ -600,50 +475,57 @@ TEST_F(ViewE2E, SearchFindsAnInstrumentWhoseLadderShowsItsBook) {
         sharingPrefix += record.id.rfind(id.substr(0, 2), 0) == 0 ? 1 : 0;
     }
     StartView();
-    WaitScreen([&](const std::vector<std::string>& s) { return ListMismatch(s, books); });
+    m_view->WaitScreen([&](const std::vector<std::string>& s) { return ListMismatch(s, books); },
+                       kTimeoutSeconds);
 
     // A two-letter prefix, typed in upper case, keeps the instruments it starts.
     std::string upper = id.substr(0, 2);
     for (char& c : upper) {
         c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
     }
-    Keys({"/"});
-    Type(upper);
-    WaitScreen([&](const std::vector<std::string>& s) {
-        const std::vector<list_row> rows = Rows(s);
-        if (rows.size() != std::min(sharingPrefix, s.size() - 3)) {
-            return "the filter shows " + std::to_string(rows.size()) + " rows, expected " +
-                   std::to_string(sharingPrefix);
-        }
-        for (const list_row& row : rows) {
-            if (row.cells[kId].rfind(id.substr(0, 2), 0) != 0) {
-                return "the filter shows " + row.cells[kId];
+    m_view->Keys({"/"});
+    m_view->Type(upper);
+    m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) {
+            const std::vector<list_row> rows = list_rows(s);
+            if (rows.size() != std::min(sharingPrefix, s.size() - 3)) {
+                return "the filter shows " + std::to_string(rows.size()) + " rows, expected " +
+                       std::to_string(sharingPrefix);
             }
-        }
-        if (s.back().find("search: " + upper + "_") == std::string::npos) {
-            return std::string("the footer does not show the search");
-        }
-        return StatusHas(s, std::to_string(sharingPrefix) + " shown");
-    });
-    Type(id.substr(2));
-    Keys({"Enter"});
-    WaitScreen([&](const std::vector<std::string>& s) {
-        const std::vector<list_row> rows = Rows(s);
-        if (rows.empty() || rows[0].cells[kId] != id || !rows[0].selected) {
-            return "the search did not select " + id;
-        }
-        return s.back().find("filter: " + upper + id.substr(2)) == std::string::npos
-                   ? std::string("the footer does not show the filter")
-                   : std::string();
-    });
+            for (const list_row& row : rows) {
+                if (row.cells[kId].rfind(id.substr(0, 2), 0) != 0) {
+                    return "the filter shows " + row.cells[kId];
+                }
+            }
+            if (s.back().find("search: " + upper + "_") == std::string::npos) {
+                return std::string("the footer does not show the search");
+            }
+            return status_has(s, std::to_string(sharingPrefix) + " shown");
+        },
+        kTimeoutSeconds);
+    m_view->Type(id.substr(2));
+    m_view->Keys({"Enter"});
+    m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) {
+            const std::vector<list_row> rows = list_rows(s);
+            if (rows.empty() || rows[0].cells[kId] != id || !rows[0].selected) {
+                return "the search did not select " + id;
+            }
+            return s.back().find("filter: " + upper + id.substr(2)) == std::string::npos
+                       ? std::string("the footer does not show the filter")
+                       : std::string();
+        },
+        kTimeoutSeconds);
 
-    Keys({"Enter"});
+    m_view->Keys({"Enter"});
     books = Dump({id});
     ASSERT_EQ(books.size(), 1u);
     const dump_record& book = books[0];
-    const std::vector<std::string> ladder = WaitScreen([&](const std::vector<std::string>& s) {
-        return s.size() > 1 && s[1].find(" " + id + "  ") == 0 ? "" : "no ladder of " + id;
-    });
+    const std::vector<std::string> ladder = m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) {
+            return s.size() > 1 && s[1].find(" " + id + "  ") == 0 ? "" : "no ladder of " + id;
+        },
+        kTimeoutSeconds);
     char heading[128];
     const unsigned time = static_cast<unsigned>(book.Number("update_time"));
     snprintf(heading, sizeof(heading), " %s  %s  slot %s  inst_no %s  updated %02u:%02u:%02u.%03u",
@@ -689,21 +571,25 @@ TEST_F(ViewE2E, SearchFindsAnInstrumentWhoseLadderShowsItsBook) {
     for (const dump_record& record : SettledBooks()) {
         sharingId += record.id.rfind(id, 0) == 0 ? 1 : 0;
     }
-    Keys({"Escape"});
-    WaitScreen([&](const std::vector<std::string>& s) {
-        const std::vector<list_row> rows = Rows(s);
-        if (rows.size() != sharingId || !rows[0].selected || rows[0].cells[kId] != id) {
-            return "the list does not show the " + std::to_string(sharingId) + " instruments starting " + id +
-                   " with " + id + " selected";
-        }
-        return std::string();
-    });
-    Keys({"Escape"});
-    WaitScreen([&](const std::vector<std::string>& s) {
-        return Rows(s).size() == s.size() - 3 && s[0].find(" shown") == std::string::npos
-                   ? ""
-                   : "the filter was not cleared";
-    });
+    m_view->Keys({"Escape"});
+    m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) {
+            const std::vector<list_row> rows = list_rows(s);
+            if (rows.size() != sharingId || !rows[0].selected || rows[0].cells[kId] != id) {
+                return "the list does not show the " + std::to_string(sharingId) + " instruments starting " +
+                       id + " with " + id + " selected";
+            }
+            return std::string();
+        },
+        kTimeoutSeconds);
+    m_view->Keys({"Escape"});
+    m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) {
+            return list_rows(s).size() == s.size() - 3 && s[0].find(" shown") == std::string::npos
+                       ? ""
+                       : "the filter was not cleared";
+        },
+        kTimeoutSeconds);
 }
 
 TEST_F(ViewE2E, LadderKeyHidesTheLocalLevelsOutOfOrder) {
@@ -720,79 +606,93 @@ TEST_F(ViewE2E, LadderKeyHidesTheLocalLevelsOutOfOrder) {
     ASSERT_NE(target, nullptr) << "no book with a local level out of order";
     const dump_record book = *target;
     StartView();
-    WaitScreen([&](const std::vector<std::string>& s) { return ListMismatch(s, books); });
-    Keys({"/"});
-    Type(book.id);
-    Keys({"Enter"});
-    WaitScreen([&](const std::vector<std::string>& s) {
-        const std::vector<list_row> rows = Rows(s);
-        return !rows.empty() && rows[0].cells[kId] == book.id && rows[0].selected
-                   ? ""
-                   : "the search did not select " + book.id;
-    });
-    Keys({"Enter"});
-    WaitScreen([&](const std::vector<std::string>& s) {
-        if (s.size() < 2 || s[1].find(" " + book.id + "  ") != 0) {
-            return "no ladder of " + book.id;
-        }
-        return LadderMismatch(s, book, false);
-    });
+    m_view->WaitScreen([&](const std::vector<std::string>& s) { return ListMismatch(s, books); },
+                       kTimeoutSeconds);
+    m_view->Keys({"/"});
+    m_view->Type(book.id);
+    m_view->Keys({"Enter"});
+    m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) {
+            const std::vector<list_row> rows = list_rows(s);
+            return !rows.empty() && rows[0].cells[kId] == book.id && rows[0].selected
+                       ? ""
+                       : "the search did not select " + book.id;
+        },
+        kTimeoutSeconds);
+    m_view->Keys({"Enter"});
+    m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) {
+            if (s.size() < 2 || s[1].find(" " + book.id + "  ") != 0) {
+                return "no ladder of " + book.id;
+            }
+            return LadderMismatch(s, book, false);
+        },
+        kTimeoutSeconds);
 
-    Keys({"l"});
+    m_view->Keys({"l"});
     const std::string count =
         "local levels out of order hidden: " + std::to_string(book.HiddenLevels("bid")) + " bid, " +
         std::to_string(book.HiddenLevels("ask")) + " ask";
-    WaitScreen([&](const std::vector<std::string>& s) {
-        if (s.back().find("l local levels: in order") == std::string::npos) {
-            return std::string("the footer does not say the local levels are in order");
-        }
-        bool counted = false;
-        for (const std::string& line : s) {
-            counted = counted || trim(line) == count;
-        }
-        return counted ? LadderMismatch(s, book, true) : "no line '" + count + "'";
-    });
-
-    Keys({"l"});
-    WaitScreen([&](const std::vector<std::string>& s) {
-        if (s.back().find("l local levels: all") == std::string::npos) {
-            return std::string("the footer does not say every local level is shown");
-        }
-        for (const std::string& line : s) {
-            if (line.find("out of order hidden") != std::string::npos) {
-                return "still '" + line + "'";
+    m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) {
+            if (s.back().find("l local levels: in order") == std::string::npos) {
+                return std::string("the footer does not say the local levels are in order");
             }
-        }
-        return LadderMismatch(s, book, false);
-    });
+            bool counted = false;
+            for (const std::string& line : s) {
+                counted = counted || trim(line) == count;
+            }
+            return counted ? LadderMismatch(s, book, true) : "no line '" + count + "'";
+        },
+        kTimeoutSeconds);
+
+    m_view->Keys({"l"});
+    m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) {
+            if (s.back().find("l local levels: all") == std::string::npos) {
+                return std::string("the footer does not say every local level is shown");
+            }
+            for (const std::string& line : s) {
+                if (line.find("out of order hidden") != std::string::npos) {
+                    return "still '" + line + "'";
+                }
+            }
+            return LadderMismatch(s, book, false);
+        },
+        kTimeoutSeconds);
 }
 
 TEST_F(ViewE2E, RedrawsToTheNewSizeOfTheWindow) {
     StartFeed(3);
     const std::vector<dump_record> books = SettledBooks();
     StartView();
-    WaitScreen([&](const std::vector<std::string>& s) { return ListMismatch(s, books); });
-    ASSERT_EQ(Tmux({"resize-window", "-t", "view", "-x", "100", "-y", "20"}), 0);
-    std::vector<std::string> screen = WaitScreen([&](const std::vector<std::string>& s) {
-        if (s.size() != 20) {
-            return "the pane has " + std::to_string(s.size()) + " lines";
-        }
-        if (s.back().find(" Up/Down") != 0) {
-            return std::string("no footer on the last line");
-        }
-        // ID to BIDVOL fit in 100 columns.
-        return ListMismatch(s, books, 0, kBidVol + 1);
-    });
+    m_view->WaitScreen([&](const std::vector<std::string>& s) { return ListMismatch(s, books); },
+                       kTimeoutSeconds);
+    ASSERT_TRUE(m_view->Resize(100, 20));
+    std::vector<std::string> screen = m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) {
+            if (s.size() != 20) {
+                return "the pane has " + std::to_string(s.size()) + " lines";
+            }
+            if (s.back().find(" Up/Down") != 0) {
+                return std::string("no footer on the last line");
+            }
+            // ID to BIDVOL fit in 100 columns.
+            return ListMismatch(s, books, 0, kBidVol + 1);
+        },
+        kTimeoutSeconds);
     for (const std::string& line : screen) {
         EXPECT_LE(line.size(), 100u) << line;
     }
-    EXPECT_EQ(Rows(screen).size(), 17u);
-    ASSERT_EQ(Tmux({"resize-window", "-t", "view", "-x", "160", "-y", "40"}), 0);
-    screen = WaitScreen([&](const std::vector<std::string>& s) {
-        return s.size() == 40 && s.back().find(" Up/Down") == 0 ? ListMismatch(s, books)
-                                                                : std::string("not redrawn at 160x40");
-    });
-    EXPECT_EQ(Rows(screen).size(), 37u);
+    EXPECT_EQ(list_rows(screen).size(), 17u);
+    ASSERT_TRUE(m_view->Resize(160, 40));
+    screen = m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) {
+            return s.size() == 40 && s.back().find(" Up/Down") == 0 ? ListMismatch(s, books)
+                                                                    : std::string("not redrawn at 160x40");
+        },
+        kTimeoutSeconds);
+    EXPECT_EQ(list_rows(screen).size(), 37u);
     EXPECT_NE(screen[1].find("UPD/S"), std::string::npos) << screen[1];
 }
 
@@ -802,55 +702,67 @@ TEST_F(ViewE2E, FollowsTheFeedThroughStopsAndRestarts) {
     StartFeed(4, "rate=50000,records=30000");
     const std::vector<dump_record> first = SettledBooks();
     StartView();
-    WaitScreen([&](const std::vector<std::string>& s) { return ListMismatch(s, first); });
+    m_view->WaitScreen([&](const std::vector<std::string>& s) { return ListMismatch(s, first); },
+                       kTimeoutSeconds);
 
     StopFeed();
-    WaitScreen([&](const std::vector<std::string>& s) { return StatusHas(s, "waiting for quvo-md"); });
+    m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) { return status_has(s, "waiting for quvo-md"); },
+        kTimeoutSeconds);
 
     // Restarted on the same segments, with a market that keeps moving a while.
     StartFeed(5, "rate=3000,records=9000");
-    WaitScreen([&](const std::vector<std::string>& s) {
-        const std::string live = StatusHas(s, "quvo-md live");
-        if (!live.empty()) {
-            return live;
-        }
-        return std::regex_search(s[0], std::regex(" [1-9][0-9]* updates/s"))
-                   ? ""
-                   : std::string("no updates counted");
-    });
+    m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) {
+            const std::string live = status_has(s, "quvo-md live");
+            if (!live.empty()) {
+                return live;
+            }
+            return status_counts_updates(s) ? "" : std::string("no updates counted");
+        },
+        kTimeoutSeconds);
     const std::vector<dump_record> second = SettledBooks();
     ASSERT_NE(first[0].line, second[0].line);
-    WaitScreen(
-        [&](const std::vector<std::string>& s) { return ListMismatch(s, second, 0, kRate + 1, true); });
+    m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) { return ListMismatch(s, second, 0, kRate + 1, true); },
+        kTimeoutSeconds);
 
     // Stopped, segments removed, and a new run that creates them anew.
     StopFeed();
     RemoveSegments();
-    WaitScreen([&](const std::vector<std::string>& s) { return StatusHas(s, "is quvo-md running"); });
+    m_view->WaitScreen([&](const std::vector<std::string>& s) { return status_has(s, "is quvo-md running"); },
+                       kTimeoutSeconds);
     StartFeed(6);
     const std::vector<dump_record> third = SettledBooks();
-    WaitScreen([&](const std::vector<std::string>& s) {
-        const std::string mismatch = ListMismatch(s, third, 0, kRate + 1, true);
-        return mismatch.empty() ? StatusHas(s, "quvo-md") : mismatch;
-    });
+    m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) {
+            const std::string mismatch = ListMismatch(s, third, 0, kRate + 1, true);
+            return mismatch.empty() ? status_has(s, "quvo-md") : mismatch;
+        },
+        kTimeoutSeconds);
 }
 
 TEST_F(ViewE2E, WaitsForTheFeedWhenAskedTo) {
     StartView("--wait");
-    WaitScreen([&](const std::vector<std::string>& s) { return StatusHas(s, "waiting for quvo-md"); });
+    m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) { return status_has(s, "waiting for quvo-md"); },
+        kTimeoutSeconds);
     StartFeed(7);
     const std::vector<dump_record> books = SettledBooks();
-    WaitScreen([&](const std::vector<std::string>& s) { return ListMismatch(s, books, 0, kRate + 1, true); });
+    m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) { return ListMismatch(s, books, 0, kRate + 1, true); },
+        kTimeoutSeconds);
 }
 
 TEST_F(ViewE2E, SleepsWhileThereIsNothingToDo) {
     StartFeed(8, "rate=2000");
     WaitForSegments();
     StartView();
-    WaitScreen([&](const std::vector<std::string>& s) { return StatusHas(s, "quvo-md live"); });
-    std::string pid;
-    ASSERT_EQ(Tmux({"display-message", "-p", "-t", "view", "#{pane_pid}"}, &pid), 0);
-    pid = trim(pid.substr(0, pid.find('\n')));
+    m_view->WaitScreen([&](const std::vector<std::string>& s) { return status_has(s, "quvo-md live"); },
+                       kTimeoutSeconds);
+    const pid_t viewPid = m_view->ProgramPid();
+    ASSERT_GT(viewPid, 0);
+    const std::string pid = std::to_string(viewPid);
     ASSERT_EQ(read_file("/proc/" + pid + "/comm"), "quvo-view\n");
     auto cpu_seconds = [&]() {
         const std::string stat = read_file("/proc/" + pid + "/stat");
@@ -874,12 +786,10 @@ TEST_F(ViewE2E, QuitsOnQ) {
     SettledBooks();
     const std::string statusPath = m_dir.Path() + "/view.status";
     StartView("", statusPath);
-    WaitScreen([&](const std::vector<std::string>& s) { return StatusHas(s, "instruments"); });
-    Keys({"q"});
-    const double deadline = seconds_now() + kTimeoutSeconds;
-    while (seconds_now() < deadline && read_file(statusPath).empty()) {
-        usleep(50 * 1000);
-    }
+    m_view->WaitScreen([&](const std::vector<std::string>& s) { return status_has(s, "instruments"); },
+                       kTimeoutSeconds);
+    m_view->Keys({"q"});
+    poll_until([&] { return !read_file(statusPath).empty(); }, kTimeoutSeconds, 50);
     EXPECT_EQ(read_file(statusPath), "0\n");
 }
 

@@ -1,8 +1,7 @@
 #include "tests/support/BookCheck.h"
 
-#include <cstring>
-
 #include "sim/StateCompare.h"
+#include "tests/support/Records.h"
 
 bool expect_subscribed(const SimInstrumentState& inst, const SubscriptionRules& rules) {
     if (!(inst.exchange == ESimExchange::SHFE ? rules.shfe : rules.ine)) {
@@ -52,9 +51,7 @@ std::vector<std::string> compare_books(const share& area, const SimState& expect
     }
     for (size_t slot = 0; slot < QUVO_INST_SLOTS; ++slot) {
         if (!expectedSlot[slot] && area.instmts[slot].inst_id[0] != 0) {
-            char id[sizeof(area.instmts[slot].inst_id) + 1] = {};
-            memcpy(id, area.instmts[slot].inst_id, sizeof(area.instmts[slot].inst_id));
-            out.push_back("slot " + std::to_string(slot) + " holds " + id +
+            out.push_back("slot " + std::to_string(slot) + " holds " + id_of(area.instmts[slot]) +
                           ", which should not be subscribed");
         }
     }
@@ -92,8 +89,7 @@ SimInstrumentState expected_of_record(const instrument& record, uint32_t slot) {
     inst.exchange = ine ? ESimExchange::INE : ESimExchange::SHFE;
     inst.instNo = static_cast<int32_t>(ine ? QUVO_INST_SLOTS - 1 - slot : slot);
     inst.slot = static_cast<int32_t>(slot);
-    inst.id.assign(reinterpret_cast<const char*>(record.inst_id),
-                   strnlen(reinterpret_cast<const char*>(record.inst_id), sizeof(record.inst_id)));
+    inst.id = id_of(record);
     inst.changeNo = record.change_no;
     inst.lastPx = record.last_px;
     inst.volume = record.volume;

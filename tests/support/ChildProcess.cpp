@@ -3,10 +3,11 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <stdexcept>
+
+#include "tests/support/Poll.h"
 
 CChildProcess::CChildProcess(const std::vector<std::string>& argv, const std::string& cwd,
                              const std::string& outputPath) {
@@ -40,8 +41,7 @@ CChildProcess::~CChildProcess() {
 }
 
 bool CChildProcess::Wait(double seconds, int& status) {
-    struct timespec start;
-    clock_gettime(CLOCK_MONOTONIC, &start);
+    const double deadline = seconds_now() + seconds;
     while (m_pid > 0) {
         int raw = 0;
         const pid_t done = waitpid(m_pid, &raw, WNOHANG);
@@ -50,11 +50,7 @@ bool CChildProcess::Wait(double seconds, int& status) {
             status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
             return true;
         }
-        struct timespec now;
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        if (static_cast<double>(now.tv_sec - start.tv_sec) +
-                static_cast<double>(now.tv_nsec - start.tv_nsec) * 1e-9 >
-            seconds) {
+        if (seconds_now() > deadline) {
             kill(m_pid, SIGKILL);
             waitpid(m_pid, nullptr, 0);
             m_pid = -1;

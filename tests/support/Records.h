@@ -1,16 +1,22 @@
-// Records and text helpers shared by the reader and tool tests.
+// Records shared by the reader and tool tests.
 #pragma once
 
 #include <cstring>
-#include <sstream>
 #include <string>
-#include <vector>
 
 #include "interface/commonheader.h"
+// Tests reading tool output take words() from here too.
+#include "tests/support/TextUtil.h"
 
 inline void set_id(instrument& inst, const char* id) {
     memset(inst.inst_id, 0, sizeof(inst.inst_id));
     memcpy(inst.inst_id, id, strnlen(id, sizeof(inst.inst_id)));
+}
+
+// The identifier of `inst`, up to its NUL or all sixteen bytes.
+inline std::string id_of(const instrument& inst) {
+    const char* id = reinterpret_cast<const char*>(inst.inst_id);
+    return std::string(id, strnlen(id, sizeof(inst.inst_id)));
 }
 
 // cu2501: statistics, five exchange levels a side and one local bid level.
@@ -40,14 +46,4 @@ inline instrument copper_record() {
     inst.bid_px[5] = 71950.0;
     inst.bid_vol[5] = 2;
     return inst;
-}
-
-// The words of `text`, split at white space.
-inline std::vector<std::string> words(const std::string& text) {
-    std::istringstream in(text);
-    std::vector<std::string> out;
-    for (std::string word; in >> word;) {
-        out.push_back(word);
-    }
-    return out;
 }

@@ -1,23 +1,17 @@
 #include "tests/support/TmuxPane.h"
 
 #include <gtest/gtest.h>
-#include <time.h>
-#include <unistd.h>
 
-#include <sstream>
+#include <cstdlib>
 
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Poll.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/TextUtil.h"
 
 namespace {
 
 constexpr double kTmuxSeconds = 30;
-
-double seconds_now() {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
 
 }  // namespace
 
@@ -48,31 +42,65 @@ int CTmuxPane::_Tmux(const std::vector<std::string>& args, std::string* output) 
     return status;
 }
 
+bool CTmuxPane::_Command(const std::vector<std::string>& args, std::string* output) {
+    std::string text;
+    const int status = _Tmux(args, &text);
+    EXPECT_EQ(status, 0) << "tmux " << args.front() << ": " << text;
+    if (output != nullptr) {
+        *output = text;
+    }
+    return status == 0;
+}
+
+bool CTmuxPane::KeepAfterExit() {
+    return _Command({"set-option", "-t", "pane", "remain-on-exit", "on"});
+}
+
+bool CTmuxPane::Keys(const std::vector<std::string>& keys) {
+    std::vector<std::string> args = {"send-keys", "-t", "pane"};
+    args.insert(args.end(), keys.begin(), keys.end());
+    return _Command(args);
+}
+
+bool CTmuxPane::Type(const std::string& text) {
+    return _Command({"send-keys", "-t", "pane", "-l", text});
+}
+
+bool CTmuxPane::Resize(int width, int height) {
+    return _Command(
+        {"resize-window", "-t", "pane", "-x", std::to_string(width), "-y", std::to_string(height)});
+}
+
+pid_t CTmuxPane::ProgramPid() {
+    std::string output;
+    if (!_Command({"display-message", "-p", "-t", "pane", "#{pane_pid}"}, &output)) {
+        return -1;
+    }
+    char* end = nullptr;
+    const long pid = strtol(output.c_str(), &end, 10);
+    return end != output.c_str() && pid > 0 ? static_cast<pid_t>(pid) : -1;
+}
+
 std::vector<std::string> CTmuxPane::Screen() {
     std::string output;
-    std::vector<std::string> lines;
-    if (_Tmux({"capture-pane", "-p", "-t", "pane"}, &output) != 0) {
-        return lines;
+    if (!_Command({"capture-pane", "-p", "-t", "pane"}, &output)) {
+        return {};
     }
-    std::istringstream in(output);
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
+    return split_lines(output);
 }
 
 std::vector<std::string> CTmuxPane::WaitScreen(
     const std::function<std::string(const std::vector<std::string>&)>& check, double seconds) {
-    const double deadline = seconds_now() + seconds;
     std::vector<std::string> screen;
     std::string complaint;
-    while (seconds_now() < deadline) {
-        screen = Screen();
-        complaint = check(screen);
-        if (complaint.empty()) {
-            return screen;
-        }
-        usleep(50 * 1000);
+    if (poll_until(
+            [&] {
+                screen = Screen();
+                complaint = check(screen);
+                return complaint.empty();
+            },
+            seconds, 50)) {
+        return screen;
     }
     std::string text;
     for (const std::string& line : screen) {

@@ -6,7 +6,6 @@
 #include <csignal>
 #include <cstring>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -19,6 +18,7 @@
 #include "tests/support/Records.h"
 #include "tests/support/ShmSandbox.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/TextUtil.h"
 #include "tools/DumpFormat.h"
 
 namespace {
@@ -425,15 +425,6 @@ TEST_F(DumpToolTest, WatchStopsCleanlyOnSigintAndSigterm) {
     }
 }
 
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
 class DumpCheckTest : public DumpToolTest {
 protected:
     DumpCheckTest() {
@@ -493,7 +484,7 @@ TEST_F(DumpCheckTest, FirstTwentyDifferencesThenTheCountOfTheRest) {
     Slot(kCrudeSlot).change_no += 1;
     const RunResult result = run_dump({"--check", m_path});
     EXPECT_EQ(result.status, 1);
-    const std::vector<std::string> lines = lines_of(result.out);
+    const std::vector<std::string> lines = split_lines(result.out);
     ASSERT_EQ(lines.size(), 22u) << result.out;
     for (size_t i = 0; i < 20; ++i) {
         EXPECT_EQ(lines[i].rfind("cu2501 SHFE slot 0 ", 0), 0u) << lines[i];
