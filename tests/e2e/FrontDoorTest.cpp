@@ -229,6 +229,18 @@ TEST_F(FrontDoorE2E, UnknownOptionIsNotTakenForAConfigurationPath) {
     EXPECT_LT(CShmSandbox::SegmentId(m_shm.AreaKeyPath()), 0);
 }
 
+TEST_F(FrontDoorE2E, CheckWithoutItsFileSaysSo) {
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{"--check"}, std::vector<std::string>{"--check", "a.ini", "b.ini"}}) {
+        CTempDir cwd;
+        std::string output;
+        EXPECT_NE(Run(args, output, cwd), 0);
+        EXPECT_TRUE(contains(output, "--check takes one argument, the configuration file")) << output;
+        EXPECT_TRUE(cwd.List().empty());
+    }
+    EXPECT_LT(CShmSandbox::SegmentId(m_shm.AreaKeyPath()), 0);
+}
+
 TEST_F(FrontDoorE2E, MissingKeyFileStillFailsAsItAlwaysHas) {
     // The ring's key file first, so that no segment is made; then, with it
     // back, the area's, after the ring was attached.

@@ -85,9 +85,8 @@ std::vector<std::string> check_ring(const uint16_t* ring, const share& area, siz
 
 SimInstrumentState expected_of_record(const instrument& record, uint32_t slot) {
     SimInstrumentState inst;
-    const bool ine = quvo_slot_is_ine(slot);
-    inst.exchange = ine ? ESimExchange::INE : ESimExchange::SHFE;
-    inst.instNo = static_cast<int32_t>(ine ? QUVO_INST_SLOTS - 1 - slot : slot);
+    inst.exchange = quvo_slot_is_ine(slot) ? ESimExchange::INE : ESimExchange::SHFE;
+    inst.instNo = static_cast<int32_t>(quvo_slot_inst_no(slot));
     inst.slot = static_cast<int32_t>(slot);
     inst.id = id_of(record);
     inst.changeNo = record.change_no;
