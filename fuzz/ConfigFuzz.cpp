@@ -282,9 +282,7 @@ void CheckRecord(const ExanicMdConfigData& e, const ExanicMdConfigData& g) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz_set_log_level();
-    Input();
-    return 0;
+    return fuzz_initialize(Input);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

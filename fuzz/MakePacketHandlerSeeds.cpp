@@ -16,15 +16,7 @@ namespace {
 
 using Bytes = std::vector<char>;
 
-constexpr int16_t kShfe2ps = 1000;
-constexpr int16_t kShfe4ps = 1101;
-constexpr int16_t kIne2ps = 5000;
 constexpr uint32_t kSeq = 1000;
-
-struct Seed {
-    std::string name;
-    std::vector<uint8_t> bytes;
-};
 
 class CSeedBuilder {
 public:
@@ -56,7 +48,7 @@ DealInfoField Deal(int32_t instNo, double last) {
     return deal;
 }
 
-Bytes Start(int16_t topic) {
+Bytes Start(uint16_t topic) {
     return CMdqpMessageBuilder(kMdqpFlagMore, 1)
         .Snap(topic, 1)
         .Inst("cu2409", 0, 10.0, 70000.0, 5)
@@ -92,7 +84,7 @@ Bytes Part(const Bytes& b, size_t from, size_t to) {
 
 std::vector<Seed> Seeds() {
     std::vector<Seed> s;
-    const Bytes start = Start(kShfe2ps);
+    const Bytes start = Start(kShfeTopic2);
     const uint32_t next = kSeq + static_cast<uint32_t>(start.size());
     const Bytes book = Book(0, 70000.0);
     const Bytes body = Cat({book, Book(1, 70100.0), Last()});
@@ -119,10 +111,10 @@ std::vector<Seed> Seeds() {
                                                 .Segment(next + 100, Part(book, 100, book.size()))
                                                 .Build()});
     s.push_back({"ine2ps_on_4ps_port", CSeedBuilder()
-                                           .Segment(kSeq, Start(kIne2ps), kPort4ps)
+                                           .Segment(kSeq, Start(kIneTopic2), kPort4ps)
                                            .Segment(next, Cat({Book(0, 500.0), Last()}), kPort4ps)
                                            .Build()});
-    s.push_back({"shfe4ps_start", CSeedBuilder().Segment(kSeq, Start(kShfe4ps), kPort4ps).Build()});
+    s.push_back({"shfe4ps_start", CSeedBuilder().Segment(kSeq, Start(kShfeTopic4), kPort4ps).Build()});
     {
         TcpSegmentSpec rst;
         rst.seq = 1;
@@ -175,7 +167,7 @@ std::vector<Seed> Seeds() {
         const Bytes bad = CMdqpMessageBuilder(kMdqpFlagMore, 1)
                               .RawField(MDQP_FID_SKIP_0031, zeros.data(), 30)
                               .RawField(MDQP_FID_SKIP_0032, zeros.data(), 0)
-                              .Snap(kShfe2ps)
+                              .Snap(kShfeTopic2)
                               .Build();
         s.push_back({"zero_sized_field", CSeedBuilder().Segment(kSeq, Cat({bad, book})).Build()});
     }
@@ -214,7 +206,5 @@ std::vector<Seed> Seeds() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    return seed_main(argc, argv, Seeds(), [](const std::string& dir, const Seed& seed) {
-        return write_seed(dir, seed.name, seed.bytes.data(), seed.bytes.size());
-    });
+    return seed_main(argc, argv, Seeds());
 }

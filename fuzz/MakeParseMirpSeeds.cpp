@@ -18,12 +18,6 @@ constexpr uint8_t kBid = MD_ENTRY_BID;
 constexpr uint8_t kAsk = MD_ENTRY_ASK;
 constexpr uint32_t kChangeNo = 11;
 
-struct Seed {
-    std::string name;
-    uint8_t control;
-    std::vector<char> bytes;
-};
-
 CDecodedRecordBuilder Shfe(uint32_t instrumentNo, uint32_t changeNo = kChangeNo) {
     return CDecodedRecordBuilder(kShfeTopic2, instrumentNo, changeNo);
 }
@@ -38,10 +32,16 @@ CDecodedRecordBuilder SixBestAskInserts(CDecodedRecordBuilder record) {
     return record;
 }
 
+Seed MakeSeed(const char* name, uint8_t control, const std::vector<char>& record) {
+    Seed seed{name, {control}};
+    seed.bytes.insert(seed.bytes.end(), record.begin(), record.end());
+    return seed;
+}
+
 std::vector<Seed> Seeds() {
     std::vector<Seed> s;
     const auto add = [&](const char* name, uint8_t control, CDecodedRecordBuilder b) {
-        s.push_back({name, control, b.Build()});
+        s.push_back(MakeSeed(name, control, b.Build()));
     };
     add("shfe_bid1_update", kChangeFollows, Shfe(0).Update(kBid, 1, -1, 40));
     add("shfe_ask1_update_topic4", kChangeFollows,
@@ -109,15 +109,12 @@ std::vector<Seed> Seeds() {
     add("header_only", kChangeFollows, Shfe(0));
     std::vector<char> shortRecord = Shfe(0).Build();
     shortRecord.resize(kDecodedRecordMinLen - 1);
-    s.push_back({"too_short", kChangeFollows, shortRecord});
+    s.push_back(MakeSeed("too_short", kChangeFollows, shortRecord));
     return s;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    return seed_main(argc, argv, Seeds(), [](const std::string& dir, const Seed& seed) {
-        const unsigned char control = seed.control;
-        return write_seed(dir, seed.name, seed.bytes.data(), seed.bytes.size(), &control);
-    });
+    return seed_main(argc, argv, Seeds());
 }

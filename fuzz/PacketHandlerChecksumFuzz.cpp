@@ -22,7 +22,6 @@ using namespace fuzz_frames;
 
 namespace {
 
-constexpr size_t kEth = 14;
 constexpr uint32_t kSrcHost = 0x0A000001;
 constexpr uint32_t kDstHost = 0x0A000002;
 
@@ -68,12 +67,7 @@ std::unique_ptr<uint8_t[]> Complete(CTcpHarness& h, const uint8_t* in, size_t si
     if (kEth + hl + th + 1 + padding > len) {
         padding = 0;
     }
-    size_t ipLen = len - kEth - padding;
-    if (ipLen - hl > 2036) {
-        ipLen = hl + 2036;
-    }
-    Put16(ip + 2, static_cast<uint16_t>(ipLen));
-    Put16(tcp + 16, TcpChecksum(ip, tcp, ipLen - hl));
+    SealSegment(ip, hl, len - kEth - padding);
     return frame;
 }
 

@@ -99,7 +99,5 @@ int RunInput(const uint8_t* data, size_t size, Handle&& handle) {
 }  // namespace packet_handler_fuzz
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz_set_log_level();
-    packet_handler_fuzz::Harness();
-    return 0;
+    return fuzz_initialize(packet_handler_fuzz::Harness);
 }

@@ -1,12 +1,14 @@
 // The input layout of the two packet-handler fuzzers, shared with their seed
-// generator: one control byte, then frames, each a two-byte little-endian
-// length and that many bytes; a length that runs past the end takes what is
-// left. Several frames per input let one input carry a whole reassembly.
+// generator: one control byte, then frames (FramedInput.h) whose whole header
+// is their length. Several frames per input let one input carry a whole
+// reassembly.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <vector>
+
+#include "fuzz/FramedInput.h"
 
 namespace packet_handler_fuzz {
 
@@ -34,38 +36,24 @@ enum : uint8_t {
     kPortOf4ps = 0x40,            // 22000 rather than 33022 when the frame names neither
 };
 
-struct Frame {
-    const uint8_t* data;
-    size_t size;
-};
+using fuzz_input::Frame;
 
 inline std::vector<Frame> SplitFrames(const uint8_t* data, size_t size) {
     std::vector<Frame> frames;
     if (size < 1) {
         return frames;
     }
-    const uint8_t control = data[0];
-    size_t at = 1;
-    if (control & kWholeInput) {
-        frames.push_back({data + at, size - at});
+    if (data[0] & kWholeInput) {
+        frames.push_back({data + 1, size - 1});
         return frames;
     }
-    while (at + 2 <= size) {
-        size_t len = static_cast<size_t>(data[at]) | static_cast<size_t>(data[at + 1]) << 8;
-        at += 2;
-        if (len > size - at) {
-            len = size - at;
-        }
-        frames.push_back({data + at, len});
-        at += len;
-    }
+    fuzz_input::for_each_frame(data, size, 0xFFFF,
+                               [&frames](uint16_t, Frame frame) { frames.push_back(frame); });
     return frames;
 }
 
 inline void AppendFrame(std::vector<uint8_t>& input, const std::vector<char>& frame) {
-    input.push_back(static_cast<uint8_t>(frame.size() & 0xFF));
-    input.push_back(static_cast<uint8_t>(frame.size() >> 8));
-    input.insert(input.end(), frame.begin(), frame.end());
+    fuzz_input::append_frame(input, static_cast<uint16_t>(frame.size()), frame);
 }
 
 }  // namespace packet_handler_fuzz

@@ -9,11 +9,6 @@
 
 namespace parse_mirp_fuzz {
 
-constexpr uint16_t kShfeTopic2 = 1000;
-constexpr uint16_t kShfeTopic4 = 1101;
-constexpr uint16_t kIneTopic2 = 5000;
-constexpr uint16_t kIneTopic4 = 5101;
-
 // Every named instrument starts here; mode kChangeAsPrepared keeps it.
 constexpr uint32_t kPreparedChangeNo = 10;
 

@@ -12,6 +12,7 @@
 #include <memory>
 #include <vector>
 
+#include "fuzz/DecodedRecordHead.h"
 #include "fuzz/FuzzSupport.h"
 #include "fuzz/ParseMirpArea.h"
 #include "public/log/CommonLog.h"
@@ -20,8 +21,6 @@
 using namespace parse_mirp_fuzz;
 
 namespace {
-
-constexpr uint32_t kNoSlot = UINT32_MAX;
 
 void FillBook(instrument& inst, double tick, double codec, int levels) {
     for (int i = 0; i < QUVO_BOOK_LEVELS; ++i) {
@@ -91,24 +90,6 @@ Area& TheArea() {
 [[noreturn]] void Fail(const char* what, uint32_t slot) {
     fprintf(stderr, "parse_mirp_fuzz: %s (slot %u)\n", what, slot);
     abort();
-}
-
-// The slot a record addresses, as the parser maps it; kNoSlot when none.
-uint32_t SlotFor(const char* record, size_t len) {
-    if (len < kDecodedRecordMinLen) {
-        return kNoSlot;
-    }
-    DecodeHeader header;
-    MarketDataIncreField incre;
-    memcpy(&header, record, sizeof(header));
-    memcpy(&incre, record + sizeof(header), sizeof(incre));
-    if (header.topicID == kShfeTopic2 || header.topicID == kShfeTopic4) {
-        return incre.instrumentNo < QUVO_SHFE_MAX_INST_CNT ? quvo_shfe_slot(incre.instrumentNo) : kNoSlot;
-    }
-    if (header.topicID == kIneTopic2 || header.topicID == kIneTopic4) {
-        return incre.instrumentNo < QUVO_INE_MAX_INST_CNT ? quvo_ine_slot(incre.instrumentNo) : kNoSlot;
-    }
-    return kNoSlot;
 }
 
 void PrepareBook(instrument& inst, uint32_t slot, uint8_t book, const PriceCalcInfo& calc) {
@@ -197,9 +178,7 @@ void Restore(Area& a, uint32_t slot) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz_set_log_level();
-    TheArea();
-    return 0;
+    return fuzz_initialize(TheArea);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -215,7 +194,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     memcpy(record.get(), data + 1, len);
 
     CExanicUdpFunc& udp = (control & kOptionsOff) != 0 ? a.udpOptionsOff : a.udpOptionsOn;
-    const uint32_t slot = SlotFor(record.get(), len);
+    const DecodedRecordHead head = read_decoded_record_head(record.get(), len);
+    const uint32_t slot = head.slot;
     if (slot == kNoSlot) {
         const int result = udp._ParseMirp(record.get(), static_cast<uint32_t>(len));
         if (result < -1 || result > 1) {
@@ -224,10 +204,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     }
 
-    DecodeHeader header;
-    MarketDataIncreField incre;
-    memcpy(&header, record.get(), sizeof(header));
-    memcpy(&incre, record.get() + sizeof(header), sizeof(incre));
+    const DecodeHeader& header = head.header;
+    const MarketDataIncreField& incre = head.incre;
     instrument& inst = a.area->instmts[slot];
     PrepareBook(inst, slot, control & kBookMask, *a.calc);
     switch (control & kChangeMask) {

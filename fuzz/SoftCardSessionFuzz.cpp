@@ -30,11 +30,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "fuzz/DecodedRecordHead.h"
 #include "fuzz/FuzzSupport.h"
 #include "fuzz/SoftCardSessionInput.h"
 #include "fuzz/TcpChecksum.h"
@@ -46,19 +46,18 @@
 #include "src/api/shfe_recv.h"
 #include "src/dev/Card.h"
 #include "src/udp/DecodedRecord.h"
+#include "tests/support/BookModel.h"
 #include "tests/support/ShmSandbox.h"
 #include "tests/support/TempDir.h"
 
 using namespace soft_card_session_fuzz;
+using namespace fuzz_frames;
 
 namespace {
 
 // Idle time after which the card stops the feed: long enough for the
 // snapshot worker to finish the frames it was handed.
 constexpr const char* kExitSeconds = "0.02";
-constexpr int kShfeTopics[] = {1000, 1101};
-constexpr int kIneTopics[] = {5000, 5101};
-constexpr size_t kEth = 14;
 constexpr size_t kSnapshotLevels = 6;
 
 struct Session {
@@ -86,8 +85,7 @@ Session& TheSession() {
         s->rawPath = s->files.Path() + "/raw.pcap";
         s->decodedPath = s->files.Path() + "/decoded.pcap";
         s->configPath = s->files.Path() + "/feed.ini";
-        const char* log = getenv("QUVO_FUZZ_LOG");
-        s->logging = log != nullptr && log[0] == '1';
+        s->logging = fuzz_logging();
         // Without QUVO_FUZZ_LOG the two lines the feed logs before the
         // configuration silences it find no directory to open a file in.
         std::string logDir = s->files.Path() + (s->logging ? "" : "/no-log");
@@ -128,9 +126,7 @@ void CompleteRaw(std::vector<uint8_t>& f) {
         return;
     }
     ip[9] = 6;
-    const size_t ipLen = std::min(f.size() - kEth, hl + 2036);
-    fuzz_frames::Put16(ip + 2, static_cast<uint16_t>(ipLen));
-    fuzz_frames::Put16(ip + hl + 16, fuzz_frames::TcpChecksum(ip, ip + hl, ipLen - hl));
+    SealSegment(ip, hl, f.size() - kEth);
 }
 
 void WriteCapture(const std::string& path, const std::vector<Frame>& frames, bool complete, int64_t timeNs) {
@@ -232,54 +228,42 @@ struct Addressed {
     std::vector<bool> onlyIncremental = std::vector<bool>(QUVO_INST_SLOTS, true);
 };
 
-bool Among(int topic, const int (&topics)[2]) {
-    return topic == topics[0] || topic == topics[1];
-}
-
 Addressed Analyse(const std::vector<Frame>& decoded) {
     Addressed a;
     for (const Frame& frame : decoded) {
-        if (frame.size < kDecodedRecordMinLen || frame.size > kDecodedFrameMaxLen) {
+        if (frame.size > kDecodedFrameMaxLen) {
             continue;
         }
-        DecodeHeader header;
-        MarketDataIncreField incre;
-        memcpy(&header, frame.data, sizeof(header));
-        memcpy(&incre, frame.data + sizeof(header), sizeof(incre));
-        uint32_t slot;
-        if (Among(header.topicID, kShfeTopics) && incre.instrumentNo < QUVO_SHFE_MAX_INST_CNT) {
-            slot = quvo_shfe_slot(incre.instrumentNo);
-        } else if (Among(header.topicID, kIneTopics) && incre.instrumentNo < QUVO_INE_MAX_INST_CNT) {
-            slot = quvo_ine_slot(incre.instrumentNo);
-        } else {
+        const DecodedRecordHead head = read_decoded_record_head(frame.data, frame.size);
+        const uint32_t slot = head.slot;
+        if (slot == kNoSlot) {
             continue;
         }
-        const bool incremental = incre.fieldID == FID_MARKET_DATA_INCRE;
-        a.records.push_back({slot, incre.changeNo, incremental});
+        const bool incremental = head.incre.fieldID == FID_MARKET_DATA_INCRE;
+        a.records.push_back({slot, head.incre.changeNo, incremental});
         a.slots[slot] = true;
         a.onlyIncremental[slot] = a.onlyIncremental[slot] && incremental;
     }
     return a;
 }
 
-bool EmptyLevel(double px, int32_t vol) {
-    return vol <= 0 && px > -1e-5 && px < 1e-5;
-}
-
 // Adjacent occupied levels strictly worse going out, and bid 1 below ask 1.
 bool PassesPriceCheck(const instrument& inst) {
     for (int i = 0; i < 4; ++i) {
-        if (!EmptyLevel(inst.bid_px[i], inst.bid_vol[i]) &&
-            !EmptyLevel(inst.bid_px[i + 1], inst.bid_vol[i + 1]) && inst.bid_px[i + 1] >= inst.bid_px[i]) {
+        if (!CBookModel::IsEmptyLevel(inst.bid_px[i], inst.bid_vol[i]) &&
+            !CBookModel::IsEmptyLevel(inst.bid_px[i + 1], inst.bid_vol[i + 1]) &&
+            inst.bid_px[i + 1] >= inst.bid_px[i]) {
             return false;
         }
-        if (!EmptyLevel(inst.ask_px[i], inst.ask_vol[i]) &&
-            !EmptyLevel(inst.ask_px[i + 1], inst.ask_vol[i + 1]) && inst.ask_px[i] >= inst.ask_px[i + 1]) {
+        if (!CBookModel::IsEmptyLevel(inst.ask_px[i], inst.ask_vol[i]) &&
+            !CBookModel::IsEmptyLevel(inst.ask_px[i + 1], inst.ask_vol[i + 1]) &&
+            inst.ask_px[i] >= inst.ask_px[i + 1]) {
             return false;
         }
     }
-    const bool crossed = !EmptyLevel(inst.bid_px[0], inst.bid_vol[0]) &&
-                         !EmptyLevel(inst.ask_px[0], inst.ask_vol[0]) && inst.bid_px[0] >= inst.ask_px[0];
+    const bool crossed = !CBookModel::IsEmptyLevel(inst.bid_px[0], inst.bid_vol[0]) &&
+                         !CBookModel::IsEmptyLevel(inst.ask_px[0], inst.ask_vol[0]) &&
+                         inst.bid_px[0] >= inst.ask_px[0];
     return !crossed;
 }
 
@@ -382,9 +366,7 @@ void Check(const Session& s, const Addressed& a, bool restarted) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz_set_log_level();
-    TheSession();
-    return 0;
+    return fuzz_initialize(TheSession);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

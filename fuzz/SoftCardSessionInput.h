@@ -1,14 +1,15 @@
 // The input layout of the soft_card_session fuzzer, shared with its seed
-// generator: one control byte, then frames, each a two-byte little-endian
-// header and that many bytes; a length that runs past the end takes what is
-// left. The header's top bit sends the frame to the decoded capture (records,
-// port 0), else it goes to the raw capture (Ethernet frames, port 1); the
-// other fifteen bits are its length.
+// generator: one control byte, then frames (FramedInput.h). A header's top bit
+// sends its frame to the decoded capture (records, port 0), else it goes to
+// the raw capture (Ethernet frames, port 1); the other fifteen bits are the
+// frame's length.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <vector>
+
+#include "fuzz/FramedInput.h"
 
 namespace soft_card_session_fuzz {
 
@@ -39,10 +40,7 @@ constexpr int64_t kPacedDelayNs = 50000000;
 
 inline constexpr const char* kListedInstruments = "cu2501,al,sc2501";
 
-struct Frame {
-    const uint8_t* data;
-    size_t size;
-};
+using fuzz_input::Frame;
 
 struct Captures {
     std::vector<Frame> raw;
@@ -51,28 +49,18 @@ struct Captures {
 
 inline Captures SplitCaptures(const uint8_t* data, size_t size) {
     Captures captures;
-    size_t at = 1;
-    while (at + 2 <= size) {
-        const uint16_t header = static_cast<uint16_t>(data[at] | data[at + 1] << 8);
-        at += 2;
-        size_t len = header & kLengthMask;
-        if (len > size - at) {
-            len = size - at;
-        }
+    fuzz_input::for_each_frame(data, size, kLengthMask, [&captures](uint16_t header, Frame frame) {
         std::vector<Frame>& capture = (header & kDecodedBit) != 0 ? captures.decoded : captures.raw;
         if (capture.size() < kMaxFrames) {
-            capture.push_back({data + at, len});
+            capture.push_back(frame);
         }
-        at += len;
-    }
+    });
     return captures;
 }
 
 inline void AppendFrame(std::vector<uint8_t>& input, bool decoded, const std::vector<char>& frame) {
-    const uint16_t header = static_cast<uint16_t>((frame.size() & kLengthMask) | (decoded ? kDecodedBit : 0));
-    input.push_back(static_cast<uint8_t>(header & 0xFF));
-    input.push_back(static_cast<uint8_t>(header >> 8));
-    input.insert(input.end(), frame.begin(), frame.end());
+    fuzz_input::append_frame(
+        input, static_cast<uint16_t>((frame.size() & kLengthMask) | (decoded ? kDecodedBit : 0)), frame);
 }
 
 }  // namespace soft_card_session_fuzz

@@ -2,10 +2,15 @@
 // arbitrary frames into segments that pass the snapshot path's frame checks.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 
 namespace fuzz_frames {
+
+constexpr size_t kEth = 14;
+// Longer TCP segments fail the snapshot path's frame checks.
+constexpr size_t kMaxSegment = 2036;
 
 inline uint16_t Get16(const uint8_t* p) {
     return static_cast<uint16_t>(p[0] << 8 | p[1]);
@@ -36,6 +41,15 @@ inline uint16_t TcpChecksum(const uint8_t* ip, const uint8_t* tcp, size_t seglen
         sum = (sum & 0xFFFF) + (sum >> 16);
     }
     return static_cast<uint16_t>(~sum);
+}
+
+// Sets the IPv4 total length of the packet at `ip`, whose header is `hl`
+// bytes, to `ipLen` cut to the longest segment taken, and the TCP checksum to
+// match.
+inline void SealSegment(uint8_t* ip, size_t hl, size_t ipLen) {
+    ipLen = std::min(ipLen, hl + kMaxSegment);
+    Put16(ip + 2, static_cast<uint16_t>(ipLen));
+    Put16(ip + hl + 16, TcpChecksum(ip, ip + hl, ipLen - hl));
 }
 
 }  // namespace fuzz_frames
