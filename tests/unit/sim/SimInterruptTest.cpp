@@ -17,6 +17,15 @@ namespace {
 
 volatile sig_atomic_t g_interrupts = 0;
 
+// A market of 30 SHFE and 5 INE instruments, records as fast as they are read.
+SimOptions Market() {
+    SimOptions options;
+    options.shfe = 30;
+    options.ine = 5;
+    options.rate = 0;
+    return options;
+}
+
 void CountInterrupt(int) {
     g_interrupts = g_interrupts + 1;
 }
@@ -56,10 +65,7 @@ protected:
     }
 
     std::unique_ptr<CSimDevice> Device(const std::string& interrupt) {
-        SimOptions options;
-        options.shfe = 30;
-        options.ine = 5;
-        options.rate = 0;
+        SimOptions options = Market();
         std::string error;
         EXPECT_TRUE(sim_set_option(options, "interrupt", interrupt, true, error)) << error;
         return std::make_unique<CSimDevice>(options, m_registers.data());
@@ -91,6 +97,17 @@ protected:
         }
     }
 
+    // Reads `before` frames of `port` that raise nothing, the frame that
+    // raises the interrupt, then `after` frames that raise it no more.
+    void ReadThroughInterrupt(CSimDevice& device, int port, int before, int after) {
+        Read(device, port, before);
+        EXPECT_EQ(g_interrupts, 0);
+        Read(device, port, 1);
+        EXPECT_EQ(g_interrupts, 1);
+        Read(device, port, after);
+        EXPECT_EQ(g_interrupts, 1);
+    }
+
     std::vector<uint32_t> m_registers;
     CTempDir m_dir;
     struct sigaction m_savedAction {};
@@ -100,12 +117,7 @@ protected:
 TEST_F(SimInterruptTest, RaisesAtTheNthDecodedFrameOnly) {
     auto device = Device("decoded:5");
     Join();
-    Read(*device, 0, 4);
-    EXPECT_EQ(g_interrupts, 0);
-    Read(*device, 0, 1);
-    EXPECT_EQ(g_interrupts, 1);
-    Read(*device, 0, 20);
-    EXPECT_EQ(g_interrupts, 1);
+    ReadThroughInterrupt(*device, 0, 4, 20);
     EXPECT_EQ(Errors(),
               "simulator: interrupt at decoded 5: 0 register writes, 0 snapshots, 0 raw frames, 5 decoded "
               "frames\n");
@@ -140,12 +152,7 @@ TEST_F(SimInterruptTest, RaisesAtTheNthRawFrameAcrossSnapshots) {
     Join();
     RequestSnapshot();
     Read(*device, 0, 1);
-    Read(*device, 1, 2);
-    EXPECT_EQ(g_interrupts, 0);
-    Read(*device, 1, 1);
-    EXPECT_EQ(g_interrupts, 1);
-    Read(*device, 1, 1);
-    EXPECT_EQ(g_interrupts, 1);
+    ReadThroughInterrupt(*device, 1, 2, 1);
     EXPECT_EQ(
         Errors(),
         "simulator: interrupt at raw 3: 0 register writes, 1 snapshots, 3 raw frames, 1 decoded frames\n");
@@ -189,12 +196,7 @@ TEST_F(SimInterruptTest, CountsDecodedFramesFromTheLastTimeTheRawStreamWentOff) 
     Read(*device, 0, 4);
     EXPECT_EQ(g_interrupts, 0);
     EndSnapshot();
-    Read(*device, 0, 2);
-    EXPECT_EQ(g_interrupts, 0);
-    Read(*device, 0, 1);
-    EXPECT_EQ(g_interrupts, 1);
-    Read(*device, 0, 10);
-    EXPECT_EQ(g_interrupts, 1);
+    ReadThroughInterrupt(*device, 0, 2, 10);
     EXPECT_EQ(
         Errors(),
         "simulator: interrupt at after_snapshot 3: 0 register writes, 2 snapshots, 0 raw frames, 19 decoded "
@@ -202,11 +204,7 @@ TEST_F(SimInterruptTest, CountsDecodedFramesFromTheLastTimeTheRawStreamWentOff) 
 }
 
 TEST_F(SimInterruptTest, WithoutTheKeyNothingIsRaised) {
-    SimOptions options;
-    options.shfe = 30;
-    options.ine = 5;
-    options.rate = 0;
-    CSimDevice device(options, m_registers.data());
+    CSimDevice device(Market(), m_registers.data());
     reg_write(m_registers.data(), REG_RESET, 1);
     Join();
     RequestSnapshot();
@@ -219,10 +217,7 @@ TEST_F(SimInterruptTest, WithoutTheKeyNothingIsRaised) {
 }
 
 TEST_F(SimInterruptTest, WarmUpRecordsComeBetweenEachRequestAndItsSnapshot) {
-    SimOptions options;
-    options.shfe = 30;
-    options.ine = 5;
-    options.rate = 0;
+    SimOptions options = Market();
     options.warmup = 3;
     CSimDevice device(options, m_registers.data());
     Join();

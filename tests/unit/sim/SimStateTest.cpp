@@ -113,13 +113,18 @@ std::string join_fields(const Fields& fields) {
     return text;
 }
 
+// The counts on line 1, then `instruments` as the value of "instruments".
+std::string counts_then(const std::string& instruments, const Fields& top = top_fields()) {
+    return "{" + join_fields(top) + ",\n\"instruments\": " + instruments + "}";
+}
+
 // The counts are on line 1 and instrument i on line 3 + i.
 std::string document(const std::vector<Fields>& instruments, const Fields& top = top_fields()) {
-    std::string text = "{" + join_fields(top) + ",\n\"instruments\": [";
+    std::string list = "[";
     for (size_t index = 0; index < instruments.size(); ++index) {
-        text += (index == 0 ? "\n{" : ",\n{") + join_fields(instruments[index]) + "}";
+        list += (index == 0 ? "\n{" : ",\n{") + join_fields(instruments[index]) + "}";
     }
-    return text + "\n]}\n";
+    return counts_then(list + "\n]", top) + "\n";
 }
 
 std::string two_instrument_document(const Fields& second) {
@@ -515,25 +520,17 @@ TEST(SimStateTest, WrongTypesAndRangesAtTopLevelAreNamed) {
         EXPECT_EQ(parse_error(document({instrument_fields()}, top)), std::string("<input>:1: ") + bad.error)
             << bad.key << " = " << bad.value;
     }
-    EXPECT_EQ(
-        parse_error("{\"seed\": 1, \"records\": 2, \"snapshots\": 3, \"gaps\": 4,\n\"instruments\": {}}"),
-        "<input>:2: \"instruments\" must be an array of objects, not an object");
-    EXPECT_EQ(
-        parse_error(
-            "{\"seed\": 1, \"records\": 2, \"snapshots\": 3, \"gaps\": 4,\n\"instruments\": [\n{},\n[]]}"),
-        "<input>:3: instrument 0: missing \"exchange\"");
+    EXPECT_EQ(parse_error(counts_then("{}")),
+              "<input>:2: \"instruments\" must be an array of objects, not an object");
+    EXPECT_EQ(parse_error(counts_then("[\n{},\n[]]")), "<input>:3: instrument 0: missing \"exchange\"");
     EXPECT_EQ(parse_error("\n[1, 2]"), "<input>:2: the top level must be an object, not an array");
     EXPECT_EQ(parse_error("\"text\""), "<input>:1: the top level must be an object, not a string");
 }
 
 TEST(SimStateTest, AnInstrumentThatIsNotAnObjectIsNamed) {
-    const std::string text =
-        "{\"seed\": 1, \"records\": 2, \"snapshots\": 3, \"gaps\": 4,\n\"instruments\": [\n{" +
-        join_fields(instrument_fields()) + "},\n[1]]}";
+    const std::string text = counts_then("[\n{" + join_fields(instrument_fields()) + "},\n[1]]");
     EXPECT_EQ(parse_error(text), "<input>:4: instrument 1: must be an object, not an array");
-    const std::string scalar =
-        "{\"seed\": 1, \"records\": 2, \"snapshots\": 3, \"gaps\": 4,\n\"instruments\": [\n{" +
-        join_fields(instrument_fields()) + "},\n\n-4.50e1]}";
+    const std::string scalar = counts_then("[\n{" + join_fields(instrument_fields()) + "},\n\n-4.50e1]");
     EXPECT_EQ(parse_error(scalar), "<input>:5: instrument 1: must be an object, not -4.50e1");
 }
 
@@ -547,8 +544,7 @@ TEST(SimStateTest, DuplicateKeysAreRefused) {
 // last digit is followed by a newline.
 TEST(SimStateTest, ValuesSpreadOverLinesAreNamedAtTheirOwnLine) {
     const auto spread = [](const Fields& fields) {
-        std::string text =
-            "{\"seed\": 1, \"records\": 2, \"snapshots\": 3, \"gaps\": 4, \"instruments\": [\n{";
+        std::string text = "{" + join_fields(top_fields()) + ", \"instruments\": [\n{";
         for (size_t index = 0; index < fields.size(); ++index) {
             text += (index == 0 ? "\"" : "\n, \"") + fields[index].first + "\": " + fields[index].second;
         }
