@@ -3,12 +3,34 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <deque>
 #include <string>
 #include <vector>
 
 #include "src/dev/Card.h"
 #include "src/dev/RxFrame.h"
+#include "tests/support/RxPathTest.h"
+
+// Outside the anonymous namespace, which would show in the shared tests' names.
+class DirectRxTest : public CRxPathFixture {
+protected:
+    DirectRxTest() : CRxPathFixture(false) {}
+
+    void Deliver(const RxTestFrame& frame, uint8_t status) override {
+        m_rx.Write({frame.bytes.data(), static_cast<uint32_t>(frame.bytes.size()), status, frame.timestamp});
+    }
+    ssize_t Receive(char* buffer, size_t size, uint32_t*) override { return m_rx.Read(buffer, size); }
+
+    // Writes single-chunk frames until `chunks` chunks wait.
+    void WriteUntilPending(uint64_t chunks) {
+        while (m_rx.GetPending() < chunks) {
+            Write(kRxChunkPayload);
+        }
+    }
+
+    CSoftDirectRx m_rx;
+};
+
+INSTANTIATE_TYPED_TEST_SUITE_P(DirectRx, RxPathTest, DirectRxTest);
 
 namespace {
 
@@ -43,61 +65,11 @@ TEST(RxFrameConstantsTest, FrameChunksCoverEveryLengthWithNoSpareChunk) {
     }
 }
 
-class DirectRxTest : public ::testing::Test {
-protected:
-    static constexpr size_t kBufferSize = 4096;
-    static constexpr char kPoison = '\xA5';
-
-    DirectRxTest() : m_buffer(kBufferSize + 1, kPoison) {}
-
-    // Content unique to the frame's position in the test, so a frame read
-    // out of order or from the wrong place does not compare equal.
-    std::string MakeFrame(uint32_t length) {
-        std::string frame(length, '\0');
-        const uint32_t seed = ++m_made * 2654435761u;
-        for (uint32_t i = 0; i < length; ++i) {
-            frame[i] = static_cast<char>((seed >> (i % 24)) + i * 7);
-        }
-        return frame;
-    }
-
-    const std::string& Write(uint32_t length, uint8_t status = RX_FRAME_OK) {
-        m_frames.push_back(MakeFrame(length));
-        const std::string& frame = m_frames.back();
-        m_rx.Write({frame.data(), length, status, m_made});
-        return frame;
-    }
-
-    ssize_t Read(size_t size = kBufferSize) {
-        std::fill(m_buffer.begin(), m_buffer.end(), kPoison);
-        return m_rx.Read(m_buffer.data(), size);
-    }
-
-    // Reads one frame and expects it to be `frame`, with nothing written past it.
-    void ExpectFrame(const std::string& frame, size_t size = kBufferSize) {
-        ASSERT_EQ(Read(size), static_cast<ssize_t>(frame.size()));
-        EXPECT_EQ(std::string(m_buffer.data(), frame.size()), frame);
-        EXPECT_EQ(m_buffer[frame.size()], kPoison);
-    }
-
-    // Writes single-chunk frames until `chunks` chunks wait.
-    void WriteUntilPending(uint64_t chunks) {
-        while (m_rx.GetPending() < chunks) {
-            Write(kRxChunkPayload);
-        }
-    }
-
-    CSoftDirectRx m_rx;
-    std::deque<std::string> m_frames;  // stable: the buffer keeps pointers to them
-    std::vector<char> m_buffer;
-    uint32_t m_made = 0;
-};
-
 TEST_F(DirectRxTest, GivesNothingWhenNoFrameWaits) {
     EXPECT_EQ(Read(), 0);
     EXPECT_TRUE(m_rx.IsDrained());
     EXPECT_EQ(m_rx.GetPending(), 0u);
-    const std::string& frame = Write(60);
+    const RxTestFrame& frame = Write(60);
     EXPECT_FALSE(m_rx.IsDrained());
     ExpectFrame(frame);
     EXPECT_EQ(Read(), 0);
@@ -108,7 +80,7 @@ TEST_F(DirectRxTest, GivesNothingWhenNoFrameWaits) {
 
 TEST_F(DirectRxTest, EveryLengthComesBackByteForByte) {
     for (uint32_t length = 1; length <= kBufferSize; ++length) {
-        const std::string& frame = Write(length);
+        const RxTestFrame& frame = Write(length);
         ASSERT_EQ(m_rx.GetPending(), rx_frame_chunks(length)) << length;
         ExpectFrame(frame);
         ASSERT_TRUE(m_rx.IsDrained()) << length;
@@ -117,12 +89,12 @@ TEST_F(DirectRxTest, EveryLengthComesBackByteForByte) {
 }
 
 TEST_F(DirectRxTest, FramesWaitingTogetherComeBackInOrder) {
-    std::vector<const std::string*> written;
+    std::vector<const RxTestFrame*> written;
     for (uint32_t length : {1u, 119u, 120u, 121u, 1514u, 60u}) {
         written.push_back(&Write(length));
     }
     EXPECT_EQ(m_rx.GetPending(), 1u + 1 + 1 + 2 + 13 + 1);
-    for (const std::string* frame : written) {
+    for (const RxTestFrame* frame : written) {
         ExpectFrame(*frame);
     }
     EXPECT_EQ(Read(), 0);
@@ -131,7 +103,7 @@ TEST_F(DirectRxTest, FramesWaitingTogetherComeBackInOrder) {
 TEST_F(DirectRxTest, FrameLongerThanTheBufferIsConsumedAndTheNextFollows) {
     for (uint32_t length = 1; length <= 2100; ++length) {
         Write(length);
-        const std::string& next = Write(length % 97 + 1);
+        const RxTestFrame& next = Write(length % 97 + 1);
         ASSERT_EQ(Read(length - 1), CARD_RX_FRAME_TRUNCATED) << length;
         ExpectFrame(next);
         ASSERT_TRUE(m_rx.IsDrained()) << length;
@@ -141,29 +113,29 @@ TEST_F(DirectRxTest, FrameLongerThanTheBufferIsConsumedAndTheNextFollows) {
 
 TEST_F(DirectRxTest, FrameOfExactlyTheBufferSizeFits) {
     for (uint32_t length = 1; length <= 2100; ++length) {
-        const std::string& frame = Write(length);
+        const RxTestFrame& frame = Write(length);
         ExpectFrame(frame, length);
     }
 }
 
 TEST_F(DirectRxTest, HardwareErrorStatusIsReturnedNegated) {
-    const std::string& aborted = Write(100, RX_FRAME_ABORTED);
-    const std::string& corrupt = Write(300, RX_FRAME_CORRUPT);
-    const std::string& overflow = Write(64, RX_FRAME_HWOVFL);
-    const std::string& good = Write(64);
+    const RxTestFrame& aborted = Write(100, RX_FRAME_ABORTED);
+    const RxTestFrame& corrupt = Write(300, RX_FRAME_CORRUPT);
+    const RxTestFrame& overflow = Write(64, RX_FRAME_HWOVFL);
+    const RxTestFrame& good = Write(64);
     EXPECT_EQ(Read(), -1);
-    EXPECT_EQ(std::string(m_buffer.data(), aborted.size()), aborted);
+    EXPECT_EQ(std::string(m_buffer.data(), aborted.bytes.size()), aborted.bytes);
     EXPECT_EQ(Read(), -2);
-    EXPECT_EQ(std::string(m_buffer.data(), corrupt.size()), corrupt);
+    EXPECT_EQ(std::string(m_buffer.data(), corrupt.bytes.size()), corrupt.bytes);
     EXPECT_EQ(Read(), -3);
-    EXPECT_EQ(std::string(m_buffer.data(), overflow.size()), overflow);
+    EXPECT_EQ(std::string(m_buffer.data(), overflow.bytes.size()), overflow.bytes);
     ExpectFrame(good);
 }
 
 TEST_F(DirectRxTest, OnlyTheLowFourStatusBitsAreAnError) {
     // The high bits name a filter region; a frame with only those set is good.
     for (int status = 0; status < 256; ++status) {
-        const std::string& frame = Write(150, static_cast<uint8_t>(status));
+        const RxTestFrame& frame = Write(150, static_cast<uint8_t>(status));
         const int error = status & 0x0F;
         if (error == 0) {
             ExpectFrame(frame);
@@ -171,14 +143,8 @@ TEST_F(DirectRxTest, OnlyTheLowFourStatusBitsAreAnError) {
             ASSERT_EQ(Read(), -error) << status;
         }
     }
-    const std::string& filtered = Write(200, 0xF0);
+    const RxTestFrame& filtered = Write(200, 0xF0);
     ExpectFrame(filtered);
-}
-
-TEST_F(DirectRxTest, ErrorStatusOfAFrameTooLongIsTruncation) {
-    Write(500, RX_FRAME_CORRUPT);
-    EXPECT_EQ(Read(499), CARD_RX_FRAME_TRUNCATED);
-    EXPECT_EQ(Read(), 0);
 }
 
 TEST_F(DirectRxTest, RingsWorthWaitingLosesEveryFrameOnce) {
@@ -189,7 +155,7 @@ TEST_F(DirectRxTest, RingsWorthWaitingLosesEveryFrameOnce) {
     EXPECT_EQ(m_rx.GetLost(), kRxRingChunks);
     EXPECT_TRUE(m_rx.IsDrained());
     EXPECT_EQ(Read(), 0);
-    const std::string& next = Write(1000);
+    const RxTestFrame& next = Write(1000);
     ExpectFrame(next);
     EXPECT_EQ(Read(), 0);
     EXPECT_EQ(m_rx.GetLost(), kRxRingChunks);
@@ -223,7 +189,7 @@ TEST_F(DirectRxTest, LapOfMultiChunkFramesLosesThemAll) {
         ASSERT_EQ(Read(), CARD_RX_FRAME_SWOVFL) << over;
         EXPECT_EQ(m_rx.GetLost() - lostBefore, frames) << over;
         EXPECT_EQ(Read(), 0);
-        const std::string& next = Write(1500);
+        const RxTestFrame& next = Write(1500);
         ExpectFrame(next);
     }
 }
@@ -260,7 +226,7 @@ TEST_F(DirectRxTest, MoreFramesThanTheRingHoldsAreAllCountedLost) {
     EXPECT_EQ(Read(), CARD_RX_FRAME_SWOVFL);
     EXPECT_EQ(m_rx.GetLost(), frames);
     EXPECT_EQ(Read(), 0);
-    const std::string& next = Write(60);
+    const RxTestFrame& next = Write(60);
     ExpectFrame(next);
 }
 
@@ -270,7 +236,7 @@ TEST_F(DirectRxTest, TruncatedFramesLeaveTheLapCheckOnTheLastFrameRead) {
     // read: A (ends chunk 0)  truncated: B [1,3)  waiting: C [3,4) ...
     // writing until chunk 0 is overwritten laps the reader although C's
     // own chunk is intact.
-    const std::string& first = Write(100);
+    const RxTestFrame& first = Write(100);
     ExpectFrame(first);
     Write(200);
     ASSERT_EQ(Read(100), CARD_RX_FRAME_TRUNCATED);
@@ -292,7 +258,7 @@ TEST_F(DirectRxTest, AttachSkipsWhatWasWrittenBefore) {
     EXPECT_TRUE(m_rx.IsDrained());
     EXPECT_EQ(m_rx.GetPending(), 0u);
     EXPECT_EQ(Read(), 0);
-    const std::string& next = Write(77);
+    const RxTestFrame& next = Write(77);
     ExpectFrame(next);
     EXPECT_EQ(Read(), 0);
 }
@@ -301,7 +267,7 @@ TEST_F(DirectRxTest, AttachAfterALapStartsClean) {
     WriteUntilPending(kRxRingChunks + 10);
     m_rx.Attach();
     EXPECT_EQ(Read(), 0);
-    const std::string& next = Write(77);
+    const RxTestFrame& next = Write(77);
     ExpectFrame(next);
 }
 
