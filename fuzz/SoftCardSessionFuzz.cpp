@@ -249,22 +249,7 @@ Addressed Analyse(const std::vector<Frame>& decoded) {
 
 // Adjacent occupied levels strictly worse going out, and bid 1 below ask 1.
 bool PassesPriceCheck(const instrument& inst) {
-    for (int i = 0; i < 4; ++i) {
-        if (!CBookModel::IsEmptyLevel(inst.bid_px[i], inst.bid_vol[i]) &&
-            !CBookModel::IsEmptyLevel(inst.bid_px[i + 1], inst.bid_vol[i + 1]) &&
-            inst.bid_px[i + 1] >= inst.bid_px[i]) {
-            return false;
-        }
-        if (!CBookModel::IsEmptyLevel(inst.ask_px[i], inst.ask_vol[i]) &&
-            !CBookModel::IsEmptyLevel(inst.ask_px[i + 1], inst.ask_vol[i + 1]) &&
-            inst.ask_px[i] >= inst.ask_px[i + 1]) {
-            return false;
-        }
-    }
-    const bool crossed = !CBookModel::IsEmptyLevel(inst.bid_px[0], inst.bid_vol[0]) &&
-                         !CBookModel::IsEmptyLevel(inst.ask_px[0], inst.ask_vol[0]) &&
-                         inst.bid_px[0] >= inst.ask_px[0];
-    return !crossed;
+    return CBookModel::FirstBookFailure(inst.bid_px, inst.bid_vol, inst.ask_px, inst.ask_vol) == 0;
 }
 
 bool ZeroBytes(const void* p, size_t n) {

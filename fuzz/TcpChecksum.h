@@ -1,10 +1,12 @@
-// Big-endian fields and the TCP checksum, for the fuzz targets that complete
+// Big-endian fields and segment sealing, for the fuzz targets that complete
 // arbitrary frames into segments that pass the snapshot path's frame checks.
 #pragma once
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+
+#include "sim/MdqpBuilder.h"
 
 namespace fuzz_frames {
 
@@ -26,30 +28,13 @@ inline void Put32(uint8_t* p, uint32_t v) {
     Put16(p + 2, static_cast<uint16_t>(v));
 }
 
-// The standard TCP checksum of the `seglen` (at least 18) bytes at `tcp`,
-// with its check field taken as zero and the pseudo-header's addresses from
-// the IPv4 header at `ip`.
-inline uint16_t TcpChecksum(const uint8_t* ip, const uint8_t* tcp, size_t seglen) {
-    uint32_t sum = Get16(ip + 12) + Get16(ip + 14) + Get16(ip + 16) + Get16(ip + 18) + 6 + seglen;
-    for (size_t i = 0; i + 1 < seglen; i += 2) {
-        sum += i == 16 ? 0 : Get16(tcp + i);
-    }
-    if (seglen & 1) {
-        sum += static_cast<uint32_t>(tcp[seglen - 1]) << 8;
-    }
-    while (sum >> 16) {
-        sum = (sum & 0xFFFF) + (sum >> 16);
-    }
-    return static_cast<uint16_t>(~sum);
-}
-
 // Sets the IPv4 total length of the packet at `ip`, whose header is `hl`
 // bytes, to `ipLen` cut to the longest segment taken, and the TCP checksum to
 // match.
 inline void SealSegment(uint8_t* ip, size_t hl, size_t ipLen) {
     ipLen = std::min(ipLen, hl + kMaxSegment);
     Put16(ip + 2, static_cast<uint16_t>(ipLen));
-    Put16(ip + hl + 16, TcpChecksum(ip, ip + hl, ipLen - hl));
+    Put16(ip + hl + 16, tcp_checksum(ip, ip + hl, ipLen - hl));
 }
 
 }  // namespace fuzz_frames

@@ -91,6 +91,28 @@ struct TcpSegmentSpec {
 
 // One Ethernet frame of an IPv4 TCP segment carrying `payload`, with a correct
 // TCP checksum unless asked otherwise.
+// The TCP checksum, in host order, of the `segLen` bytes at `tcp`, with the
+// check field taken as zero and the pseudo-header's addresses from the IPv4
+// header at `ip`.
+inline uint16_t tcp_checksum(const unsigned char* ip, const unsigned char* tcp, size_t segLen) {
+    uint32_t sum = 0;
+    const auto word = [](const unsigned char* p) { return static_cast<uint32_t>(p[0] << 8 | p[1]); };
+    for (size_t i = 12; i < 20; i += 2) {
+        sum += word(ip + i);
+    }
+    sum += 6 + static_cast<uint32_t>(segLen);
+    for (size_t i = 0; i + 1 < segLen; i += 2) {
+        sum += i == 16 ? 0 : word(tcp + i);
+    }
+    if (segLen & 1) {
+        sum += static_cast<uint32_t>(tcp[segLen - 1]) << 8;
+    }
+    while (sum >> 16) {
+        sum = (sum & 0xFFFF) + (sum >> 16);
+    }
+    return static_cast<uint16_t>(~sum);
+}
+
 inline std::vector<char> build_tcp_frame(const TcpSegmentSpec& spec, const char* payload, size_t size) {
     constexpr size_t kEth = 14, kIp = 20, kTcp = 20;
     std::vector<char> frame(kEth + kIp + kTcp + size + spec.padding, 0);
@@ -118,26 +140,7 @@ inline std::vector<char> build_tcp_frame(const TcpSegmentSpec& spec, const char*
         memcpy(tcp + kTcp, payload, size);
     }
 
-    uint32_t sum = 0;
-    const auto add = [&sum](const unsigned char* p, size_t n) {
-        for (size_t i = 0; i + 1 < n; i += 2) {
-            sum += static_cast<uint32_t>(p[i] << 8 | p[i + 1]);
-        }
-        if (n & 1) {
-            sum += static_cast<uint32_t>(p[n - 1] << 8);
-        }
-    };
-    unsigned char pseudo[12] = {};
-    memcpy(pseudo, ip + 12, 8);
-    pseudo[9] = 6;
-    const uint16_t segLen = htons(static_cast<uint16_t>(kTcp + size));
-    memcpy(pseudo + 10, &segLen, 2);
-    add(pseudo, sizeof(pseudo));
-    add(tcp, kTcp + size);
-    while (sum >> 16) {
-        sum = (sum & 0xFFFF) + (sum >> 16);
-    }
-    uint16_t check = htons(static_cast<uint16_t>(~sum));
+    uint16_t check = htons(tcp_checksum(ip, tcp, kTcp + size));
     if (spec.badChecksum) {
         check ^= 0x0101;
     }

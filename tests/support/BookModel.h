@@ -162,6 +162,29 @@ public:
 
     static bool IsEmptyLevel(double px, int32_t vol) { return px > -1e-5 && px < 1e-5 && vol <= 0; }
 
+    // The snapshot's book check on levels 1..5: 0 when they pass; 1 bid
+    // order, 2 ask order, 3 crossed.
+    static int FirstBookFailure(const double* bidPx, const int32_t* bidVol, const double* askPx,
+                                const int32_t* askVol) {
+        for (int k = 0; k < 4; ++k) {
+            if (!IsEmptyLevel(bidPx[k], bidVol[k]) && !IsEmptyLevel(bidPx[k + 1], bidVol[k + 1]) &&
+                bidPx[k + 1] >= bidPx[k]) {
+                return 1;
+            }
+        }
+        for (int k = 0; k < 4; ++k) {
+            if (!IsEmptyLevel(askPx[k], askVol[k]) && !IsEmptyLevel(askPx[k + 1], askVol[k + 1]) &&
+                askPx[k] >= askPx[k + 1]) {
+                return 2;
+            }
+        }
+        if (!IsEmptyLevel(bidPx[0], bidVol[0]) && !IsEmptyLevel(askPx[0], askVol[0]) &&
+            bidPx[0] >= askPx[0]) {
+            return 3;
+        }
+        return 0;
+    }
+
     ModelInstrument& At(uint32_t slot) {
         auto it = instruments.find(slot);
         if (it == instruments.end()) {
@@ -495,25 +518,8 @@ private:
         depth[side] = static_cast<uint8_t>(d);
     }
 
-    // 0 when levels 1..5 pass; 1 bid order, 2 ask order, 3 crossed.
     static int FirstBookFailure(const ModelInstrument& inst) {
-        for (int k = 0; k < 4; ++k) {
-            if (!IsEmptyLevel(inst.bidPx[k], inst.bidVol[k]) &&
-                !IsEmptyLevel(inst.bidPx[k + 1], inst.bidVol[k + 1]) && inst.bidPx[k + 1] >= inst.bidPx[k]) {
-                return 1;
-            }
-        }
-        for (int k = 0; k < 4; ++k) {
-            if (!IsEmptyLevel(inst.askPx[k], inst.askVol[k]) &&
-                !IsEmptyLevel(inst.askPx[k + 1], inst.askVol[k + 1]) && inst.askPx[k] >= inst.askPx[k + 1]) {
-                return 2;
-            }
-        }
-        if (!IsEmptyLevel(inst.bidPx[0], inst.bidVol[0]) && !IsEmptyLevel(inst.askPx[0], inst.askVol[0]) &&
-            inst.bidPx[0] >= inst.askPx[0]) {
-            return 3;
-        }
-        return 0;
+        return FirstBookFailure(inst.bidPx, inst.bidVol, inst.askPx, inst.askVol);
     }
 
     __attribute__((format(printf, 2, 3))) void Error(const char* format, ...) {
