@@ -49,17 +49,17 @@ void AddFeed(Snapshot& snap, int16_t topic, uint16_t port, int instruments, char
         }
         flush(message);
     }
-    TcpSegmentSpec spec;
-    spec.dstPort = port;
-    spec.seq = 100000;
+    TcpSegmentFields fields;
+    fields.dstPort = port;
+    fields.seq = 100000;
     for (size_t at = 0; at < stream.size(); at += 1448) {
         const size_t size = std::min<size_t>(1448, stream.size() - at);
-        std::vector<char> frame = build_tcp_frame(spec, stream.data() + at, size);
+        std::vector<char> frame = build_tcp_frame(fields, stream.data() + at, size);
         snap.lengths.push_back(static_cast<unsigned int>(frame.size()));
         frame.resize(frame.size() + kMdqpReadSlack, 0);
         snap.frames.push_back(std::move(frame));
         snap.payloadBytes += size;
-        spec.seq += static_cast<uint32_t>(size);
+        fields.seq += static_cast<uint32_t>(size);
     }
 }
 
@@ -89,7 +89,7 @@ BENCHMARK(BM_FullSnapshotThroughPacketHandler)->Unit(benchmark::kMillisecond);
 void BM_TcpChecksum(benchmark::State& state) {
     CTcpHarness h;
     const std::vector<char> payload(1448, 'x');
-    std::vector<char> frame = build_tcp_frame(TcpSegmentSpec{}, payload);
+    std::vector<char> frame = build_tcp_frame(TcpSegmentFields{}, payload);
     const char* ip = frame.data() + 14;
     const int seglen = 20 + 1448;
     for (auto _ : state) {

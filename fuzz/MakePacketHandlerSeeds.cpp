@@ -27,7 +27,7 @@ public:
         return *this;
     }
     CSeedBuilder& Segment(uint32_t seq, const Bytes& payload, uint16_t port = kPort2ps) {
-        TcpSegmentSpec segment;
+        TcpSegmentFields segment;
         segment.seq = seq;
         segment.dstPort = port;
         return Frame(build_tcp_frame(segment, payload));
@@ -116,27 +116,27 @@ std::vector<Seed> Seeds() {
                                            .Build()});
     s.push_back({"shfe4ps_start", CSeedBuilder().Segment(kSeq, Start(kShfeTopic4), kPort4ps).Build()});
     {
-        TcpSegmentSpec rst;
+        TcpSegmentFields rst;
         rst.seq = 1;
         rst.flags = 0x14;
         s.push_back(
             {"rst_ack", CSeedBuilder().Segment(kSeq, start).Frame(build_tcp_frame(rst, Bytes{'x'})).Build()});
     }
     {
-        TcpSegmentSpec padded;
+        TcpSegmentFields padded;
         padded.seq = next;
         padded.padding = 20;
         s.push_back(
             {"padded", CSeedBuilder().Segment(kSeq, start).Frame(build_tcp_frame(padded, book)).Build()});
     }
     {
-        TcpSegmentSpec bad;
+        TcpSegmentFields bad;
         bad.seq = next;
         bad.badChecksum = true;
-        TcpSegmentSpec udp = bad;
+        TcpSegmentFields udp = bad;
         udp.badChecksum = false;
         udp.protocol = 17;
-        TcpSegmentSpec other = udp;
+        TcpSegmentFields other = udp;
         other.protocol = 6;
         other.dstPort = 12345;
         const Bytes shortFrame(40, 0);
@@ -172,7 +172,7 @@ std::vector<Seed> Seeds() {
         s.push_back({"zero_sized_field", CSeedBuilder().Segment(kSeq, Cat({bad, book})).Build()});
     }
     {
-        TcpSegmentSpec segment;
+        TcpSegmentFields segment;
         segment.seq = kSeq;
         const Bytes frame = build_tcp_frame(segment, start);
         std::vector<uint8_t> whole{kWholeInput | kFreshSessions};

@@ -26,7 +26,7 @@ public:
         return *this;
     }
     CSession& Segment(const Bytes& message, uint32_t seq, bool badChecksum = false) {
-        TcpSegmentSpec segment;
+        TcpSegmentFields segment;
         segment.seq = seq;
         segment.badChecksum = badChecksum;
         return Raw(build_tcp_frame(segment, message));
@@ -287,7 +287,7 @@ std::vector<Seed> Seeds() {
     {
         CSession s(kFeedShfe);
         s.Segments({shfe[0]}, 1000);
-        TcpSegmentSpec rst;
+        TcpSegmentFields rst;
         rst.seq = 1;
         rst.flags = 0x14;
         s.Raw(build_tcp_frame(rst, Bytes{'x'}));

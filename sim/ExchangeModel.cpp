@@ -685,31 +685,32 @@ namespace {
 
 // Cuts one connection's byte stream into segments and sends them with the
 // faults asked for. Returns false when it stopped at an injected reset.
-bool SendConnection(const std::vector<char>& stream, TcpSegmentSpec spec, const SimOptions& options,
+bool SendConnection(const std::vector<char>& stream, TcpSegmentFields connection, const SimOptions& options,
                     CSimRandom& random, bool reset, SimFrames& out) {
     std::vector<std::pair<size_t, size_t>> segments;  // offset, length
     for (size_t at = 0; at < stream.size(); at += kMss) {
         segments.push_back({at, std::min(kMss, stream.size() - at)});
     }
-    const uint32_t isn = spec.seq;
+    const uint32_t isn = connection.seq;
     const size_t resetAt =
         reset && segments.size() > 2
             ? static_cast<size_t>(random.Between(1, static_cast<int64_t>(segments.size()) - 2))
             : segments.size();
     const auto send = [&](size_t index, bool mayFault) {
-        TcpSegmentSpec s = spec;
+        TcpSegmentFields s = connection;
         s.seq = isn + static_cast<uint32_t>(segments[index].first);
         const char* data = stream.data() + segments[index].first;
         const size_t size = segments[index].second;
         if (mayFault && random.Chance(options.tcpOther)) {
-            TcpSegmentSpec other = s;
+            TcpSegmentFields other = s;
             const int64_t kind = random.Between(0, 2);
             other.protocol = kind == 0 ? 17 : kind == 1 ? 1 : 6;
-            other.dstPort = kind == 2 ? static_cast<uint16_t>(spec.dstPort ^ 0x4000) : spec.dstPort;
+            other.dstPort =
+                kind == 2 ? static_cast<uint16_t>(connection.dstPort ^ 0x4000) : connection.dstPort;
             out.Add(build_tcp_frame(other, data, std::min<size_t>(size, 64)));
         }
         if (mayFault && random.Chance(options.tcpBadChecksum)) {
-            TcpSegmentSpec bad = s;
+            TcpSegmentFields bad = s;
             bad.badChecksum = true;
             out.Add(build_tcp_frame(bad, data, size));
         }
@@ -733,7 +734,7 @@ bool SendConnection(const std::vector<char>& stream, TcpSegmentSpec spec, const 
         release(i, last || i == resetAt);
         if (i == resetAt) {
             // A reset that carries data, so the feed does not drop it as empty.
-            TcpSegmentSpec rst = spec;
+            TcpSegmentFields rst = connection;
             rst.seq = isn + static_cast<uint32_t>(segments[i].first);
             rst.flags = 0x14;
             static const char kReason[] = "connection reset";
@@ -789,18 +790,18 @@ void CExchangeModel::BuildSnapshotFrames(unsigned exchanges, SimFrames& out) {
             for (const std::vector<char>& message : streams[e]) {
                 stream.insert(stream.end(), message.begin(), message.end());
             }
-            TcpSegmentSpec spec;
-            spec.srcHost = e == 0 ? kShfeServer : kIneServer;
-            spec.dstHost = kHost;
-            spec.srcPort = m_nextSourcePort++;
+            TcpSegmentFields connection;
+            connection.srcHost = e == 0 ? kShfeServer : kIneServer;
+            connection.dstHost = kHost;
+            connection.srcPort = m_nextSourcePort++;
             if (m_nextSourcePort < 40000) {
                 m_nextSourcePort = 40000;
             }
-            spec.dstPort = m_options.snapPort;
+            connection.dstPort = m_options.snapPort;
             // Far from wrapping: the feed does not handle sequence wrap-around.
-            spec.seq = static_cast<uint32_t>(m_faults.Between(0, 0x7FFFFFFF));
+            connection.seq = static_cast<uint32_t>(m_faults.Between(0, 0x7FFFFFFF));
             const bool resetHere = reset && (e == resetExchange || streams[resetExchange].empty());
-            if (!SendConnection(stream, spec, m_options, m_faults, resetHere, out)) {
+            if (!SendConnection(stream, connection, m_options, m_faults, resetHere, out)) {
                 reset = false;
                 done = false;
             }

@@ -77,7 +77,7 @@ private:
 };
 
 // Addresses and flags of one TCP segment; addresses and ports in host order.
-struct TcpSegmentSpec {
+struct TcpSegmentFields {
     uint32_t srcHost = 0x0A000001;  // 10.0.0.1
     uint32_t dstHost = 0x0A000002;
     uint16_t srcPort = 40000;
@@ -113,9 +113,9 @@ inline uint16_t tcp_checksum(const unsigned char* ip, const unsigned char* tcp, 
     return static_cast<uint16_t>(~sum);
 }
 
-inline std::vector<char> build_tcp_frame(const TcpSegmentSpec& spec, const char* payload, size_t size) {
+inline std::vector<char> build_tcp_frame(const TcpSegmentFields& fields, const char* payload, size_t size) {
     constexpr size_t kEth = 14, kIp = 20, kTcp = 20;
-    std::vector<char> frame(kEth + kIp + kTcp + size + spec.padding, 0);
+    std::vector<char> frame(kEth + kIp + kTcp + size + fields.padding, 0);
     unsigned char* f = reinterpret_cast<unsigned char*>(frame.data());
     f[12] = 0x08;  // IPv4
     unsigned char* ip = f + kEth;
@@ -123,31 +123,31 @@ inline std::vector<char> build_tcp_frame(const TcpSegmentSpec& spec, const char*
     const uint16_t total = htons(static_cast<uint16_t>(kIp + kTcp + size));
     memcpy(ip + 2, &total, 2);
     ip[8] = 64;
-    ip[9] = spec.protocol;
-    const uint32_t src = htonl(spec.srcHost), dst = htonl(spec.dstHost);
+    ip[9] = fields.protocol;
+    const uint32_t src = htonl(fields.srcHost), dst = htonl(fields.dstHost);
     memcpy(ip + 12, &src, 4);
     memcpy(ip + 16, &dst, 4);
     unsigned char* tcp = ip + kIp;
-    const uint16_t sport = htons(spec.srcPort), dport = htons(spec.dstPort);
-    const uint32_t seq = htonl(spec.seq);
+    const uint16_t sport = htons(fields.srcPort), dport = htons(fields.dstPort);
+    const uint32_t seq = htonl(fields.seq);
     memcpy(tcp, &sport, 2);
     memcpy(tcp + 2, &dport, 2);
     memcpy(tcp + 4, &seq, 4);
     tcp[12] = 0x50;
-    tcp[13] = spec.flags;
+    tcp[13] = fields.flags;
     tcp[14] = 0xFF;
     if (size != 0) {
         memcpy(tcp + kTcp, payload, size);
     }
 
     uint16_t check = htons(tcp_checksum(ip, tcp, kTcp + size));
-    if (spec.badChecksum) {
+    if (fields.badChecksum) {
         check ^= 0x0101;
     }
     memcpy(tcp + 16, &check, 2);
     return frame;
 }
 
-inline std::vector<char> build_tcp_frame(const TcpSegmentSpec& spec, const std::vector<char>& payload) {
-    return build_tcp_frame(spec, payload.data(), payload.size());
+inline std::vector<char> build_tcp_frame(const TcpSegmentFields& fields, const std::vector<char>& payload) {
+    return build_tcp_frame(fields, payload.data(), payload.size());
 }

@@ -53,7 +53,7 @@ bool ParseReal(const std::string& value, double low, double high, double& out) {
     return true;
 }
 
-struct OptionSpec {
+struct OptionKey {
     const char* key;
     const char* help;
     bool deviceOnly;
@@ -80,8 +80,8 @@ std::function<const char*(SimOptions&, const std::string&)> Rate(double SimOptio
     };
 }
 
-const std::vector<OptionSpec>& Specs() {
-    static const std::vector<OptionSpec> specs = {
+const std::vector<OptionKey>& Keys() {
+    static const std::vector<OptionKey> keys = {
         {"shfe", "SHFE instruments (0 to 16384; 0 leaves SHFE out)", false,
          Integer(&SimOptions::shfe, 0, 16384, "a count from 0 to 16384")},
         {"ine", "INE instruments (0 to 4096; 0 leaves INE out)", false,
@@ -174,28 +174,28 @@ const std::vector<OptionSpec>& Specs() {
              return nullptr;
          }},
     };
-    return specs;
+    return keys;
 }
 
 }  // namespace
 
 bool sim_set_option(SimOptions& options, const std::string& key, const std::string& value, bool forDevice,
                     std::string& error) {
-    for (const OptionSpec& spec : Specs()) {
-        if (key != spec.key || (spec.deviceOnly && !forDevice)) {
+    for (const OptionKey& option : Keys()) {
+        if (key != option.key || (option.deviceOnly && !forDevice)) {
             continue;
         }
-        if (const char* form = spec.set(options, value)) {
+        if (const char* form = option.set(options, value)) {
             error = "bad value '" + value + "' for simulator option " + key + ": expected " + form;
             return false;
         }
         return true;
     }
     std::string known;
-    for (const OptionSpec& spec : Specs()) {
-        if (!spec.deviceOnly || forDevice) {
+    for (const OptionKey& option : Keys()) {
+        if (!option.deviceOnly || forDevice) {
             known += known.empty() ? "" : ", ";
-            known += spec.key;
+            known += option.key;
         }
     }
     error = "unknown simulator option '" + key + "' (known: " + known + ")";
@@ -231,13 +231,13 @@ bool sim_parse_device_options(const std::string& text, SimOptions& options, std:
 
 std::string sim_options_help(bool forDevice) {
     std::string text;
-    for (const OptionSpec& spec : Specs()) {
-        if (spec.deviceOnly && !forDevice) {
+    for (const OptionKey& option : Keys()) {
+        if (option.deviceOnly && !forDevice) {
             continue;
         }
-        std::string key = spec.key;
+        std::string key = option.key;
         key.resize(18, ' ');
-        text += "  " + key + spec.help + "\n";
+        text += "  " + key + option.help + "\n";
     }
     return text;
 }

@@ -63,7 +63,7 @@ protected:
         const std::vector<char> b = last.Build();
         const std::string path = m_dir.Path() + "/raw.pcap";
         CPcapWriter writer(path, 1, true);
-        TcpSegmentSpec segment;
+        TcpSegmentFields segment;
         std::vector<char> frame = build_tcp_frame(segment, a);
         writer.Write(frame.data(), static_cast<uint32_t>(frame.size()), 1);
         segment.seq += static_cast<uint32_t>(a.size());

@@ -54,11 +54,11 @@ protected:
                                             .Build();
         const std::vector<char> last =
             CMdqpMessageBuilder(kMdqpFlagLast).Inst("cu2502", 1, 10.0, 70000.0, 5).Build();
-        TcpSegmentSpec spec;
+        TcpSegmentFields segment;
         std::vector<std::vector<char>> frames;
-        frames.push_back(build_tcp_frame(spec, first));
-        spec.seq += static_cast<uint32_t>(first.size());
-        frames.push_back(build_tcp_frame(spec, last));
+        frames.push_back(build_tcp_frame(segment, first));
+        segment.seq += static_cast<uint32_t>(first.size());
+        frames.push_back(build_tcp_frame(segment, last));
         return frames;
     }
 
@@ -193,7 +193,7 @@ TEST_F(DecoderLoopTest, LappedReaderLogsTheOverflowOnce) {
 
 TEST_F(DecoderLoopTest, FramesQueuedAfterEveryFeedFinishedAreDropped) {
     // An RST+ACK would start the snapshot over, were it handled.
-    TcpSegmentSpec reset;
+    TcpSegmentFields reset;
     reset.flags = 0x14;
     const std::vector<char> payload(8, 0);
     Replay({build_tcp_frame(reset, payload)});
@@ -207,7 +207,7 @@ TEST_F(DecoderLoopTest, FramesQueuedAfterEveryFeedFinishedAreDropped) {
 }
 
 TEST_F(DecoderLoopTest, FramesQueuedBeforeTheFeedsFinishAreHandled) {
-    TcpSegmentSpec reset;
+    TcpSegmentFields reset;
     reset.flags = 0x14;
     const std::vector<char> payload(8, 0);
     Replay({build_tcp_frame(reset, payload)});

@@ -384,7 +384,7 @@ protected:
                                             .Build();
         const std::vector<char> last =
             CMdqpMessageBuilder(kMdqpFlagLast).Level(0, '1', ask, 1).Level(0, '0', bid, 2).Build();
-        TcpSegmentSpec segment;
+        TcpSegmentFields segment;
         segment.dstPort = CTcpHarness::kPort2ps;
         CStdoutCapture capture;
         h.Handle(build_tcp_frame(segment, first));

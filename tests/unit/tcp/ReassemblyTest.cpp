@@ -47,8 +47,8 @@ Bytes Slice(const Bytes& bytes, size_t from, size_t to) {
     return Bytes(bytes.begin() + static_cast<long>(from), bytes.begin() + static_cast<long>(to));
 }
 
-TcpSegmentSpec At(uint32_t seq, uint16_t port = kPort) {
-    TcpSegmentSpec segment;
+TcpSegmentFields At(uint32_t seq, uint16_t port = kPort) {
+    TcpSegmentFields segment;
     segment.seq = seq;
     segment.dstPort = port;
     return segment;
@@ -92,7 +92,7 @@ Bytes LastMessage(int32_t requestId = 99) {
     return PacketMessage(requestId, kMdqpFlagLast);
 }
 
-Bytes EmptySegment(const TcpSegmentSpec& segment) {
+Bytes EmptySegment(const TcpSegmentFields& segment) {
     static const char kNothing = 0;
     return build_tcp_frame(segment, &kNothing, 0);
 }
@@ -159,7 +159,7 @@ protected:
         CExanicTcpFuncTestAccess::PacketHandler(*h.tcp, m_buffer.data(),
                                                 static_cast<unsigned int>(frame.size()));
     }
-    void Send(const TcpSegmentSpec& segment, const Bytes& payload) {
+    void Send(const TcpSegmentFields& segment, const Bytes& payload) {
         h.Handle(build_tcp_frame(segment, payload));
     }
     void SendAt(uint32_t seq, const Bytes& payload, uint16_t port = kPort) { Send(At(seq, port), payload); }
@@ -331,7 +331,7 @@ TEST_F(ReassemblyTest, EthernetPaddingIsNeverTakenAsData) {
     const Bytes decoy = InstMessage(50, 9);
     constexpr size_t kPadding = 30;
     const auto padded = [&](uint32_t seq, const Bytes& payload) {
-        TcpSegmentSpec segment = At(seq);
+        TcpSegmentFields segment = At(seq);
         segment.padding = kPadding;
         Bytes frame = build_tcp_frame(segment, payload);
         memcpy(frame.data() + frame.size() - kPadding, decoy.data(), kPadding);
@@ -375,7 +375,7 @@ void ReassemblyTest::ExpectRstAckClearsEverythingAndRestartsEveryFeed(uint16_t r
     SendAt(kStartSeq, StartMessage(kShfeTopic));
     ASSERT_EQ(Session(kPort).init, 0);
 
-    TcpSegmentSpec rst = At(777, rstPort);
+    TcpSegmentFields rst = At(777, rstPort);
     rst.flags = 0x14;
     Send(rst, Bytes{'x'});
     ExpectEverythingCleared();
@@ -403,7 +403,7 @@ TEST_F(ReassemblyTest, OnlyRstWithAckAndAPayloadResets) {
     const uint32_t next = Start();
     ASSERT_TRUE(Subscribed(0));
 
-    TcpSegmentSpec empty = At(next);
+    TcpSegmentFields empty = At(next);
     empty.flags = 0x14;
     const std::string out = Logged([&] { SendFrame(EmptySegment(empty)); });
     EXPECT_EQ(Handler(out, "[X]"), std::vector<std::string>{"payloadSize<=0, max_payload=0"});
@@ -411,13 +411,13 @@ TEST_F(ReassemblyTest, OnlyRstWithAckAndAPayloadResets) {
     EXPECT_EQ(Session().init, 1);
 
     // RST alone is an ordinary segment.
-    TcpSegmentSpec rstOnly = At(next);
+    TcpSegmentFields rstOnly = At(next);
     rstOnly.flags = 0x04;
     Send(rstOnly, InstMessage(2, 1));
     EXPECT_TRUE(Subscribed(1));
     EXPECT_EQ(Session().init, 1);
 
-    TcpSegmentSpec rstAck = At(1);
+    TcpSegmentFields rstAck = At(1);
     rstAck.flags = 0x14;
     Send(rstAck, Bytes{'x'});
     EXPECT_FALSE(Subscribed(0));
@@ -452,12 +452,12 @@ TEST_F(ReassemblyTest, IpHeaderLengthBelow20OrPastTheFrameIsInvalid) {
 
 TEST_F(ReassemblyTest, OtherProtocolsAreLoggedButIcmpIgmpAndUdpAreSilent) {
     for (uint8_t protocol : {1, 2, 17}) {
-        TcpSegmentSpec segment = At(kStartSeq);
+        TcpSegmentFields segment = At(kStartSeq);
         segment.protocol = protocol;
         const std::string out = Logged([&] { Send(segment, StartMessage()); });
         EXPECT_TRUE(parse_log_lines(out).empty()) << "protocol " << int(protocol) << ": " << out;
     }
-    TcpSegmentSpec segment = At(kStartSeq);
+    TcpSegmentFields segment = At(kStartSeq);
     segment.protocol = 47;
     const std::string out = Logged([&] { Send(segment, StartMessage()); });
     EXPECT_EQ(Handler(out, "[X]"), std::vector<std::string>{"ip_p [47]"});
@@ -506,7 +506,7 @@ TEST_F(ReassemblyTest, SegmentWithoutPayloadIsDroppedWithItsAvailableBytes) {
     EXPECT_EQ(Handler(out, "[X]"), std::vector<std::string>{"payloadSize<=0, max_payload=0"});
 
     // Six bytes of padding are there, but none of them is TCP data.
-    TcpSegmentSpec segment = At(kStartSeq);
+    TcpSegmentFields segment = At(kStartSeq);
     segment.padding = 6;
     out = Logged([&] { SendFrame(EmptySegment(segment)); });
     EXPECT_EQ(Handler(out, "[X]"), std::vector<std::string>{"payloadSize<=0, max_payload=6"});
@@ -514,7 +514,7 @@ TEST_F(ReassemblyTest, SegmentWithoutPayloadIsDroppedWithItsAvailableBytes) {
 }
 
 TEST_F(ReassemblyTest, WrongChecksumIsLoggedAtDebugAndDropped) {
-    TcpSegmentSpec segment = At(kStartSeq);
+    TcpSegmentFields segment = At(kStartSeq);
     segment.badChecksum = true;
     const std::string out = Logged([&] { Send(segment, StartMessage()); });
     EXPECT_EQ(Handler(out, "[D]"), std::vector<std::string>{"tcp checksum is not correct"});
@@ -547,7 +547,7 @@ TEST_F(ReassemblyTest, SegmentOf2036BytesPassesAndOf2037Fails) {
 // ---- Sessions and feed identification ----
 
 TEST_F(ReassemblyTest, AnySegmentOnAnIdleSnapshotPortPreparesItsSession) {
-    TcpSegmentSpec segment = At(4242, kPort4);
+    TcpSegmentFields segment = At(4242, kPort4);
     segment.srcHost = 0xC0A80101;
     segment.dstHost = 0xC0A80102;
     segment.srcPort = 51000;
@@ -849,13 +849,13 @@ TEST_F(ReassemblyTest, OneByteSegmentAtAMessageBoundaryIsNoMessageStart) {
 
 TEST_F(ReassemblyTest, SegmentFromAnotherHostIsIgnored) {
     const uint32_t next = Start();
-    TcpSegmentSpec otherSource = At(next);
+    TcpSegmentFields otherSource = At(next);
     otherSource.srcHost = 0x0A000009;
     Send(otherSource, InstMessage(2, 1));
-    TcpSegmentSpec otherDestination = At(next);
+    TcpSegmentFields otherDestination = At(next);
     otherDestination.dstHost = 0x0A000009;
     Send(otherDestination, InstMessage(2, 1));
-    TcpSegmentSpec ahead = At(next + 500);
+    TcpSegmentFields ahead = At(next + 500);
     ahead.srcHost = 0x0A000009;
     Send(ahead, InstMessage(3, 2));
     EXPECT_FALSE(Subscribed(1));
@@ -1005,7 +1005,7 @@ TEST_F(ReassemblyTest, IgnoredSegmentStillEndsWithThePriceCheck) {
     CExanicTcpFuncTestAccess::InterInfo(*h.tcp, 0) = {110.0, 90.0};
 
     // A frame dropped by the checks returns before it.
-    TcpSegmentSpec bad = At(kStartSeq, kPort4);
+    TcpSegmentFields bad = At(kStartSeq, kPort4);
     bad.badChecksum = true;
     Send(bad, Bytes(20, 'x'));
     ASSERT_EQ(h.finished.mask, ENABLE_SHFE2PS);
@@ -1382,7 +1382,7 @@ Bytes Padded(Bytes frame, std::mt19937& rng) {
 }
 
 Bytes NoiseFor(const Segment& segment, std::mt19937& rng) {
-    TcpSegmentSpec noise = At(segment.seq);
+    TcpSegmentFields noise = At(segment.seq);
     switch (rng() % 5) {
         case 0:
             noise.dstPort = kNotSnapshotPort;

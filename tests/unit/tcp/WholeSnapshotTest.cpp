@@ -323,7 +323,7 @@ std::vector<SnapshotMessage> Compose(int16_t topic, const std::vector<Unit>& uni
 
 struct Feed {
     EMdqpDataType type;
-    TcpSegmentSpec segment;
+    TcpSegmentFields segment;
     std::vector<SnapshotMessage> messages;
     std::vector<size_t> messageEnds;  // stream offset just past each message
     std::vector<std::vector<char>> frames;
