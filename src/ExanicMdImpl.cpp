@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "public/log/CommonLog.h"
+#include "src/api/Health.h"
 #include "src/api/SharedSegments.h"
 #include "src/api/UpdateRing.h"
 #include "src/config/ConfigParse.h"
@@ -23,6 +24,13 @@ inline bool Running(const int* running) {
     return __atomic_load_n(running, __ATOMIC_RELAXED) != 0;
 }
 
+// A start-up failure ends the process with the figures as they stand.
+int Fail() {
+    health_phase(QUVO_PHASE_FAILED);
+    detach_health();
+    return -1;
+}
+
 }  // namespace
 
 const char* quvo_software_version() {
@@ -35,6 +43,8 @@ extern "C" int quvo_recv(const char* config_path, int* running) {
     SharedSegments segments = attach_shared_segments();
     share& area = *segments.pMdArea;
     CUpdateRing ring(segments.pUpdateRing);
+    attach_health(config_path);
+    quvo_health& figures = health();
 
     // The process's heap memory goes with any return; the card and the
     // segments are released only on an orderly stop.
@@ -44,7 +54,7 @@ extern "C" int quvo_recv(const char* config_path, int* running) {
     cache.pCacheBuf = cacheArea.get();
     if (cache.pCacheBuf == nullptr) {
         QUVO_LOG(LOG_ERROR, "failed to allocate the decode buffer");
-        return -1;
+        return Fail();
     }
     // Zero-filled here rather than by calloc, so that every page is mapped
     // now and caching never takes a page fault. Through a volatile pointer,
@@ -62,31 +72,33 @@ extern "C" int quvo_recv(const char* config_path, int* running) {
     QUVO_LOG(LOG_INFO, "software version: %s", kSoftwareVersion);
 
     while (Running(running)) {
+        health_phase(QUVO_PHASE_CONFIGURING);
+        health_add(figures.process.run);
         clear_books(area);
         config = ExanicMdConfigData();
         CConfigParse parse(config);
         if (parse.InitConfig(config_path) != 0) {
             QUVO_LOG(LOG_ERROR, "failed to initialize config data");
-            return -1;
+            return Fail();
         }
         if (dev.InitDev() != 0) {
             QUVO_LOG(LOG_ERROR, "failed to initialize network device");
-            return -1;
+            return Fail();
         }
         if (mask_load(enabledMask) == 0) {
             QUVO_LOG(LOG_ERROR, "all SHFE and INE are disabled");
-            return -1;
+            return Fail();
         }
         if (tcp->InitTcp(dev.GetRegisters(), dev.GetTcpRxBuffer()) != 0) {
             QUVO_LOG(LOG_ERROR, "failed to initialize TCP function");
-            return -1;
+            return Fail();
         }
         // A new set-up each run, so its warn-once flags are fresh.
         std::optional<CExanicUdpFunc> udp;
         udp.emplace(config, &area, cache, *calcInfo, lastInstNo);
         if (udp->InitUdp(dev.GetRegisters(), dev.GetUdpRxBuffer()) != 0) {
             QUVO_LOG(LOG_ERROR, "failed to initialize UDP function");
-            return -1;
+            return Fail();
         }
 
         dev.StartDecodeData();
@@ -94,6 +106,8 @@ extern "C" int quvo_recv(const char* config_path, int* running) {
         dev.StartAllIne();
         dev.StartAllShfe();
         tcp->StartRunning();
+        health_phase(QUVO_PHASE_SNAPSHOT);
+        const uint64_t snapshotStart = health_load(figures.process.phase_started_ns[QUVO_PHASE_SNAPSHOT]);
         std::thread decoder([&tcp] { tcp->RunTcpDecoder(); });
 
         // Snapshot phase: keep what the incremental feed sends meanwhile.
@@ -103,7 +117,13 @@ extern "C" int quvo_recv(const char* config_path, int* running) {
         tcp->StopRunning();
         decoder.join();
         if (tcp->GetInitialized() == -1) {
-            return -1;  // the process is expected to end; nothing is released
+            return Fail();  // the process is expected to end; nothing is released
+        }
+        if (tcp->GetInitialized() == 1) {
+            const uint64_t took = health_wall_ns() - snapshotStart;
+            health_add(figures.snapshot.completed);
+            health_set(figures.snapshot.last_duration_ns, took);
+            health_add(figures.snapshot.total_duration_ns, took);
         }
 
         dev.StopAllIne();
@@ -120,6 +140,7 @@ extern "C" int quvo_recv(const char* config_path, int* running) {
 
         // Replay: the first n updates come from frames cached before the
         // replay began and are deliberately not announced.
+        health_phase(QUVO_PHASE_REPLAY);
         udp->PrefetchCalcInfo();
         const int cached = cache.cachedCount;
         QUVO_LOG(LOG_INFO, "process decode buffer %d frames", cached);
@@ -134,26 +155,38 @@ extern "C" int quvo_recv(const char* config_path, int* running) {
             if (result == 1) {
                 if (++applied > cached) {
                     ring.Publish(lastInstNo);
+                    health_set(figures.ring.write_count, ring.GetWriteCount());
                 }
             } else if (result == -1) {
                 udp->ClearCache();
             }
         }
 
+        health_phase(QUVO_PHASE_LIVE);
         udp->PrefetchCalcInfo();
         while (Running(running) && result != -1) {
             result = udp->UdpRecv();
             if (result == 1) {
                 ring.Publish(lastInstNo);
+                health_announced(ring.GetWriteCount(), udp->GetSampleStart());
             }
         }
         dev.StopDecodeData();
+        if (Running(running)) {
+            const quvo_health_restart reason = udp->GetFatalReason();
+            health_add(figures.restarts.by_reason[reason]);
+            health_set(figures.restarts.last_reason, reason);
+            health_set(figures.restarts.last_ns, health_wall_ns());
+        }
         // Still running here means a fatal stream error: start over from the
         // configuration, keeping the card, the segments, the ring and the cache.
     }
 
+    health_phase(QUVO_PHASE_STOPPING);
     dev.ReleaseDev();
     cacheArea.reset();
     detach_shared_segments(segments);
+    health_phase(QUVO_PHASE_STOPPED);
+    detach_health();
     return 0;
 }

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "public/log/CommonLog.h"
+#include "src/api/Health.h"
 
 namespace {
 
@@ -272,6 +273,7 @@ bool CExanicTcpFunc::_AppendFragment(TcpSession& s, const char* data, int32_t n,
                                      bool logNotMdqp) {
     if (s.frag_buf_offset + n > kFragLimit) {
         QUVO_LOG_AS(kPacketHandler, LOG_WARNING, "ignore tcp message!");
+        health_add(health().snapshot.cleared[QUVO_CLEAN_FRAGMENT]);
         _Cleandata();
         return false;
     }
@@ -281,6 +283,7 @@ bool CExanicTcpFunc::_AppendFragment(TcpSession& s, const char* data, int32_t n,
         if (logNotMdqp) {
             QUVO_LOG_AS(kPacketHandler, LOG_ERROR, "not a mdqp header, check program logic");
         }
+        health_add(health().tcp.not_mdqp);
         return false;
     }
     return true;
@@ -290,6 +293,7 @@ void CExanicTcpFunc::_HoldFrame(TcpSession& s, const char* frame, unsigned int l
     if (s.lost_flag == 1 && s.lost_buf_size >= kMaxHeldFrames) {
         QUVO_LOG_AS(kPacketHandler, LOG_ERROR, "break tcp seq detected. expt: %u, got: %u", s.next_expt_seq,
                     seq);
+        health_add(health().snapshot.cleared[QUVO_CLEAN_HELD]);
         _Cleandata();
         return;
     }
@@ -303,10 +307,13 @@ void CExanicTcpFunc::_HoldFrame(TcpSession& s, const char* frame, unsigned int l
     const unsigned int kept = len < sizeof(node->buf) ? len : sizeof(node->buf);
     memcpy(node->buf, frame, kept);
     node->len = kept;
+    quvo_health_tcp& figures = health().tcp;
     if (s.lost_flag != 1) {
         s.lost_buf_head = node;
         s.lost_flag = 1;
         ++s.lost_buf_size;
+        health_add(figures.held);
+        health_raise(figures.held_peak, s.lost_buf_size);
         return;
     }
     // held: ascending by sequence number; a duplicate of a held frame is dropped
@@ -323,9 +330,12 @@ void CExanicTcpFunc::_HoldFrame(TcpSession& s, const char* frame, unsigned int l
             }
             cur->before = node;
             ++s.lost_buf_size;
+            health_add(figures.held);
+            health_raise(figures.held_peak, s.lost_buf_size);
             return;
         }
         if (seq == curSeq) {
+            health_add(figures.duplicates);
             break;
         }
         if (cur->next == nullptr || seq <= FrameSeq(cur->next->buf)) {
@@ -336,6 +346,8 @@ void CExanicTcpFunc::_HoldFrame(TcpSession& s, const char* frame, unsigned int l
             }
             cur->next = node;
             ++s.lost_buf_size;
+            health_add(figures.held);
+            health_raise(figures.held_peak, s.lost_buf_size);
             return;
         }
     }
@@ -375,6 +387,7 @@ void CExanicTcpFunc::_DrainHeld(TcpSession& s, uint16_t port) {
                 }
             } else if (!_CutMessages(s, data, payload, port)) {
                 QUVO_LOG_AS(kPacketHandler, LOG_ERROR, "not a mdqp header, check program logic");
+                health_add(health().tcp.not_mdqp);
                 return;
             }
         }
@@ -383,14 +396,18 @@ void CExanicTcpFunc::_DrainHeld(TcpSession& s, uint16_t port) {
 }
 
 void CExanicTcpFunc::_PacketHandler(char* frame, unsigned int len) {
+    quvo_health& figures = health();
+    health_add(figures.tcp.frames);
     if (len < 34) {
         QUVO_LOG(LOG_DEBUG_EX, "packet too short for IP, packetLen=%u", len);
+        health_add(figures.tcp.short_ip);
         return;
     }
     const char* ip = frame + kEthernetHeader;
     const int hl = (static_cast<uint8_t>(ip[0]) & 0x0F) * 4;
     if (hl < 20 || hl > 60 || len < static_cast<unsigned int>(hl) + kEthernetHeader) {
         QUVO_LOG(LOG_DEBUG_EX, "invalid IP header, ip_hdr_len=%d packetLen=%u", hl, len);
+        health_add(figures.tcp.bad_ip_header);
         return;
     }
     const int protocol = static_cast<uint8_t>(ip[9]);
@@ -398,42 +415,51 @@ void CExanicTcpFunc::_PacketHandler(char* frame, unsigned int len) {
         if (protocol != 1 && protocol != 2 && protocol != 17) {
             QUVO_LOG(LOG_DEBUG_EX, "ip_p [%d]", protocol);
         }
+        health_add(figures.tcp.not_tcp);
         return;
     }
     if (len < static_cast<unsigned int>(hl) + 34) {
         QUVO_LOG(LOG_DEBUG_EX, "packet too short for TCP header");
+        health_add(figures.tcp.short_tcp);
         return;
     }
     const char* tcp = ip + hl;
     const uint16_t port = ntohs(Load16(tcp + 2));
     if (port != m_refConfigData.md2ps_snap_port && port != m_refConfigData.md4ps_snap_port) {
+        health_add(figures.tcp.other_port);
         return;
     }
     const int th = (static_cast<uint8_t>(tcp[12]) >> 4) * 4;
     if (th < 20 || th > 60 || len < static_cast<unsigned int>(hl + th) + kEthernetHeader) {
         QUVO_LOG(LOG_DEBUG_EX, "invalid TCP header or truncated packet");
+        health_add(figures.tcp.bad_tcp_header);
         return;
     }
     const int ipLen = ntohs(Load16(ip + 2));
     const int seglen = ipLen - hl;
     const int avail = static_cast<int>(len) - hl - th - static_cast<int>(kEthernetHeader);
     if (avail < 0) {
+        health_add(figures.tcp.no_payload);
         return;
     }
     // Ethernet padding past the IP total length is never data.
     const int32_t payload = avail < seglen - th ? avail : seglen - th;
     if (payload <= 0) {
         QUVO_LOG(LOG_DEBUG_EX, "payloadSize<=0, max_payload=%d", avail);
+        health_add(figures.tcp.no_payload);
         return;
     }
     if (ipLen < hl + 20 || seglen < 20 ||
         static_cast<int>(len) - hl - static_cast<int>(kEthernetHeader) < seglen || seglen > 2036 ||
         !_ChecksumOk(ip, hl, seglen)) {
         QUVO_LOG(LOG_DEBUG, "tcp checksum is not correct");
+        health_add(figures.tcp.checksum);
         return;
     }
     if ((static_cast<uint8_t>(tcp[13]) & (kTcpFlagRst | kTcpFlagAck)) == (kTcpFlagRst | kTcpFlagAck)) {
         // A reset connection starts the whole snapshot over.
+        health_add(figures.tcp.rst_ack);
+        health_add(figures.snapshot.cleared[QUVO_CLEAN_RST_ACK]);
         _Cleandata();
         return;
     }
@@ -449,18 +475,28 @@ void CExanicTcpFunc::_PacketHandler(char* frame, unsigned int len) {
         const MdqpHeader header = LoadHeader(data);
         if (payload >= 45 && header.flag == kMdqpFlagMore && header.type_id == kMdqpSnapshotType) {
             if (!_StartSession(s, data, payload, seq, port)) {
+                health_add(figures.tcp.not_start);
                 return;
             }
+            quvo_health_feed& feed = figures.snapshot.feeds[s.em_dqp_data_type];
+            health_set(feed.started_ns, health_wall_ns());
+            health_set(feed.completed_ns, 0);
+            health_set(feed.instruments, 0);
+            health_set(feed.messages, 0);
+            health_set(feed.bytes, 0);
             // A start segment whose first message is incomplete ends here.
             const int32_t first = header.length + static_cast<int32_t>(sizeof(MdqpHeader));
             _CutMessages(s, data, payload, port);
             if (first > payload) {
                 return;
             }
+        } else {
+            health_add(figures.tcp.not_start);
         }
     } else if (dstHost == s.dst_host && srcHost == s.src_host) {
         const int64_t gap = static_cast<int64_t>(s.next_expt_seq) - static_cast<int64_t>(seq);
         if (gap == 0) {
+            health_add(figures.tcp.in_order);
             s.next_expt_seq = seq + static_cast<uint32_t>(payload);
             if (s.frag_flag == 1) {
                 if (!_AppendFragment(s, data, payload, port, false)) {
@@ -472,12 +508,17 @@ void CExanicTcpFunc::_PacketHandler(char* frame, unsigned int len) {
             _DrainHeld(s, port);
         } else if (gap < 0) {
             _HoldFrame(s, frame, len, seq);
+        } else {
+            health_add(figures.tcp.old);  // old or repeated data
         }
-        // gap > 0: old or repeated data
+    } else {
+        health_add(figures.tcp.other_host);
     }
 
     if (_AllFinished() && ShfePriceCheck() != 0) {
         QUVO_LOG(LOG_WARNING, "price check is error");
+        health_add(figures.snapshot.price_check_failures);
+        health_add(figures.snapshot.cleared[QUVO_CLEAN_PRICE_CHECK]);
         _Cleandata();
     }
 }

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "public/log/CommonLog.h"
+#include "src/api/Health.h"
 #include "src/tcp/ExanicTcpFunc.h"
 
 namespace {
@@ -91,6 +92,14 @@ int CExanicTcpFunc::_ParseMdqp(MdqpHeader* msg, unsigned short port) {
 
     const ExanicMdConfigData& cfg = m_refConfigData;
     share& area = *m_pShareMem;
+    quvo_health_feed* feed = type >= 0 && type < QUVO_HEALTH_FEEDS ? &health().snapshot.feeds[type] : nullptr;
+    if (feed != nullptr) {
+        const uint64_t bytes = uint64_t{header.length} + sizeof(MdqpHeader);
+        health_add(feed->messages);
+        health_add(feed->messages_total);
+        health_add(feed->bytes, bytes);
+        health_add(feed->bytes_total, bytes);
+    }
     if (header.length > 8) {
         // Bounded by length from the start of the header, so the last 8 body
         // bytes are never a field start; sizes are not checked against the end.
@@ -142,6 +151,9 @@ int CExanicTcpFunc::_ParseMdqp(MdqpHeader* msg, unsigned short port) {
                             }
                         }
                         addrRegister = REG_INE_TABLE_ADDR;
+                    }
+                    if (feed != nullptr) {
+                        health_add(feed->instruments);
                     }
                     bool subscribe = cfg.recvall != 0;
                     if (!subscribe) {
@@ -272,6 +284,10 @@ int CExanicTcpFunc::_ParseMdqp(MdqpHeader* msg, unsigned short port) {
     }
 
     if (header.flag == kMdqpFlagLast) {
+        if (feed != nullptr) {
+            health_set(feed->completed_ns, health_wall_ns());
+            health_add(feed->completed);
+        }
         switch (type) {
             case SHFE_2PS:
                 QUVO_LOG(LOG_INFO, "shfe2ps init finished, total instruments:%d", area.shfe_inst_cnt);

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "public/log/CommonLog.h"
+#include "src/api/Health.h"
 #include "src/api/InstrumentId.h"
 
 namespace {
@@ -80,7 +81,10 @@ CExanicUdpFunc::CExanicUdpFunc(const ExanicMdConfigData& configData, share* shar
       m_recvBuf(),
       m_refInstNo(instNo),
       shfelogflag(true),
-      inelogflag(true) {}
+      inelogflag(true),
+      m_sampleStart(0),
+      m_sampleCountdown(QUVO_HEALTH_LATENCY_SAMPLE_EVERY),
+      m_fatalReason(QUVO_RESTART_GAP) {}
 
 int CExanicUdpFunc::InitUdp(volatile uint32_t* registers, CardRx* rx) {
     m_pRegisters = registers;
@@ -96,17 +100,23 @@ uint32_t CExanicUdpFunc::_ReceiveFrame(const char* caller) {
     }
     if (n < kDecodedRecordMinLen || n > kDecodedFrameMaxLen) {
         QUVO_LOG_AS(caller, LOG_DEBUG, "receive abnormal decode length: %u", n);
+        health_add(health().records.abnormal_length);
         return 0;
     }
     QUVO_LOG_AS(caller, LOG_DEBUG_EX, "receive decode length: %u", n);
+    health_add(health().records.received);
     return n;
 }
 
 int CExanicUdpFunc::UdpRecv() {
     const uint32_t n = _ReceiveFrame(__func__);
+    quvo_health_latency& latency = health().latency;
     if (n == 0) {
+        health_add(latency.polls_empty);
         return 0;
     }
+    health_add(latency.polls_busy);
+    m_sampleStart = health_sample(m_sampleCountdown);
     return _ParseMirp(m_recvBuf, n);
 }
 
@@ -121,6 +131,7 @@ void CExanicUdpFunc::CachePacket() {
         cache.piOffset = 0;
         cache.ciOffset = 0;
         cache.cachedCount = 0;
+        health_add(health().cache.overflows);
     }
     QUVO_LOG(LOG_DEBUG_EX, "cache decode buffer offset: %d, count: %d", cache.piOffset, cache.cachedCount);
     memcpy(cache.pCacheBuf + cache.piOffset, &n, sizeof(n));
@@ -128,6 +139,9 @@ void CExanicUdpFunc::CachePacket() {
     memcpy(cache.pCacheBuf + cache.piOffset, m_recvBuf, n);
     cache.piOffset += static_cast<int32_t>(n);
     ++cache.cachedCount;
+    quvo_health_cache& figures = health().cache;
+    health_add(figures.cached);
+    health_raise(figures.peak, static_cast<uint64_t>(cache.cachedCount));
 }
 
 int CExanicUdpFunc::ProcessCached() {
@@ -140,6 +154,8 @@ int CExanicUdpFunc::ProcessCached() {
     if (static_cast<int64_t>(offset) + 8 > kCacheSize || offset < 0) {
         QUVO_LOG(LOG_ERROR, "ciOffset out of range: %d", offset);
         ClearCache();
+        health_add(health().cache.corrupt);
+        m_fatalReason = QUVO_RESTART_CACHE;
         return -1;
     }
     uint32_t size;
@@ -148,9 +164,12 @@ int CExanicUdpFunc::ProcessCached() {
     if (static_cast<int64_t>(offset) + size + 8 > kCacheSize) {
         QUVO_LOG(LOG_ERROR, "cached packet size out of range, offset: %d, size: %u", offset, size);
         ClearCache();
+        health_add(health().cache.corrupt);
+        m_fatalReason = QUVO_RESTART_CACHE;
         return -1;
     }
     cache.ciOffset = offset + 8;
+    health_add(health().cache.replayed);
     const int result = _ParseMirp(cache.pCacheBuf + offset + 8, size);
     --cache.cachedCount;
     cache.ciOffset += static_cast<int32_t>(size);
@@ -163,6 +182,7 @@ void CExanicUdpFunc::ClearCache() {
     m_cachedDecode.cachedCount = 0;
     memset(m_cachedDecode.pCacheBuf, 0, kCacheSize);
     QUVO_LOG(LOG_INFO, "decode buffer cleared");
+    health_add(health().cache.cleared);
 }
 
 void CExanicUdpFunc::PrefetchCalcInfo() {
@@ -171,8 +191,11 @@ void CExanicUdpFunc::PrefetchCalcInfo() {
 }
 
 int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
+    quvo_health& figures = health();
     if (len < kDecodedRecordMinLen) {
         QUVO_LOG(LOG_ERROR, "packet length too small: %u", len);
+        health_add(figures.records.short_record);
+        m_fatalReason = QUVO_RESTART_SHORT;
         return -1;
     }
     DecodeHeader header;
@@ -196,11 +219,13 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
                          static_cast<int>(incre.instrumentNo), QUVO_SHFE_MAX_INST_CNT - 1);
                 shfelogflag = false;
             }
+            health_add(figures.records.out_of_range);
             return 0;
         }
         slot = quvo_shfe_slot(incre.instrumentNo);
         m_refInstNo = slot;
         m_pShareMem->shfe_pktno = header.packetNo;
+        health_set(figures.ring.shfe_packet_no, static_cast<uint32_t>(header.packetNo));
         exchangeType = 0;
     } else if (topic == cfg.ine2ps_topic_id || topic == cfg.ine4ps_topic_id) {
         if (incre.instrumentNo > QUVO_INE_MAX_INST_CNT - 1) {
@@ -209,16 +234,22 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
                          static_cast<int>(incre.instrumentNo), QUVO_INE_MAX_INST_CNT - 1);
                 inelogflag = false;
             }
+            health_add(figures.records.out_of_range);
             return 0;
         }
         slot = quvo_ine_slot(incre.instrumentNo);
         m_refInstNo = slot;
         m_pShareMem->ine_pktno = header.packetNo;
+        health_set(figures.ring.ine_packet_no, static_cast<uint32_t>(header.packetNo));
         exchangeType = 1;
     } else {
         QUVO_LOG(LOG_ERROR, "unsupported topicID: 0x%x", header.topicID);
+        health_add(figures.records.unsupported_topic);
+        m_fatalReason = QUVO_RESTART_TOPIC;
         return -1;
     }
+    health_set(figures.ring.exchange_time, header.snapTime);
+    health_set(figures.ring.exchange_millis, header.snapMillisec);
 
     instrument& inst = m_pShareMem->instmts[slot];
     // Book writes address the whole shared area, so a move past a slot's last
@@ -233,22 +264,27 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
         if (inst.inst_id[6] != 0) {
             QUVO_LOG(LOG_DEBUG_EX, "do not handle options, instrumentID: %.*s", QUVO_ID(inst));
         }
+        health_add(figures.records.unsubscribed);
         return 0;
     }
     if (cfg.options == 0 && inst.inst_id[6] != 0) {
         QUVO_LOG(LOG_DEBUG_EX, "do not handle options, instrumentID: %.*s", QUVO_ID(inst));
+        health_add(figures.records.options);
         return 0;
     }
 
     inst.type = exchangeType;
     reg_write(m_pRegisters, REG_HOST_TIMESTAMP, header.snapTime);
     if (incre.fieldID != FID_MARKET_DATA_INCRE) {
+        health_add(figures.records.other_field_id);
+        health_add(figures.records.applied);
         return 1;
     }
 
     const uint32_t stored = inst.change_no;
     if (incre.changeNo != stored + 1) {
         if (incre.changeNo <= stored) {
+            health_add(figures.records.stale);
             return 0;  // already in the book
         }
         // Gap: the book can no longer be trusted, restart from a snapshot.
@@ -257,6 +293,8 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
                  "instrumentNo: %d",
                  incre.changeNo, static_cast<int>(stored + 1), QUVO_ID(inst),
                  static_cast<int>(incre.instrumentNo), static_cast<int>(slot));
+        health_add(figures.records.gaps);
+        m_fatalReason = QUVO_RESTART_GAP;
         return -1;
     }
 
@@ -347,6 +385,7 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
         if (size > remaining) {
             // Not a rejection: what was applied stays and the checks still run.
             QUVO_LOG(LOG_ERROR, "abnormal process fieldID: 0x%x length: %u", fieldId, remaining);
+            health_add(figures.records.unknown_fields);
             break;
         }
         cursor += size;
@@ -376,6 +415,7 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
     const bool crossed = badBid < 0 && badAsk < 0 && !IsEmptyLevel(bid1, Vol(rec, kBid, 0)) &&
                          !IsEmptyLevel(ask1, Vol(rec, kAsk, 0)) && bid1 >= ask1;
     if (__builtin_expect(badBid < 0 && badAsk < 0 && !crossed, 1) || is_tas_instrument(inst)) {
+        health_add(figures.records.applied);
         return 1;
     }
     if (badBid >= 0) {
@@ -389,6 +429,7 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
                  QUVO_ID(inst));
     }
     CopyRecord(rec, restore);
+    health_add(figures.records.restored);
     return 0;
 }
 
@@ -399,14 +440,17 @@ void CExanicUdpFunc::_ApplyPriceChange(char* rec, const PriceChangeField& field,
     if (static_cast<uint8_t>(level - 1) > 9) {
         QUVO_LOG_AS(kParseMirp, LOG_ERROR, "invalid priceLevel: %u, instrumentID: %.*s", level,
                     QUVO_ID(inst));
+        health_add(health().records.bad_level);
         return;
     }
     if (field.eventType < PRICE_EVENT_INSERT || field.eventType > PRICE_EVENT_DELETE) {
         QUVO_LOG_AS(kParseMirp, LOG_ERROR, "unkonwn event type: %u", field.eventType);
+        health_add(health().records.bad_event);
         return;
     }
     if (field.mdEntryType > MD_ENTRY_ASK) {
         QUVO_LOG_AS(kParseMirp, LOG_ERROR, "unkonwn md entry type: %u", field.mdEntryType);
+        health_add(health().records.bad_entry);
         return;
     }
     const BookSide& side = field.mdEntryType == MD_ENTRY_BID ? kBid : kAsk;

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "interface/commonheader.h"
+#include "interface/quvohealth.h"
 #include "src/config/ConfigParse.h"
 #include "src/dev/Card.h"
 #include "src/dev/ExanicDevFunc.h"
@@ -50,6 +51,12 @@ public:
     // or undone; -1: the stream can no longer be trusted (restart).
     int _ParseMirp(char* buf, uint32_t len);
 
+    // When the frame UdpRecv last read was picked for a latency sample, the
+    // monotonic time it was read at; 0 otherwise.
+    uint64_t GetSampleStart() const { return m_sampleStart; }
+    // What made the last -1 fatal.
+    quvo_health_restart GetFatalReason() const { return m_fatalReason; }
+
 private:
     // Reads one frame into m_recvBuf: its length if well sized, else 0.
     // Logs under the caller's name.
@@ -67,6 +74,9 @@ private:
     uint32_t& m_refInstNo;
     bool shfelogflag;
     bool inelogflag;
+    uint64_t m_sampleStart;
+    uint32_t m_sampleCountdown;
+    quvo_health_restart m_fatalReason;
 };
 
 // Calls visit(address) for each 64-byte line of the price tables that

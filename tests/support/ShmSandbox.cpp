@@ -7,6 +7,7 @@
 #include <filesystem>
 
 #include "interface/commonheader.h"
+#include "interface/quvohealth.h"
 
 CShmSandbox::CShmSandbox() {
     // Earlier candidates stay on disk, so their inodes are not handed out again.
@@ -16,7 +17,8 @@ CShmSandbox::CShmSandbox() {
         m_dir.WriteFile(sub + "/" QUVO_UPDATE_RING_KEY_FILE, "");
         m_dir.WriteFile(sub + "/" QUVO_MD_AREA_KEY_FILE, "");
         m_keyDir = m_dir.Path() + "/" + sub;
-        if (SegmentId(RingKeyPath()) < 0 && SegmentId(AreaKeyPath()) < 0) {
+        if (SegmentId(RingKeyPath()) < 0 && SegmentId(AreaKeyPath()) < 0 &&
+            HealthSegmentId(AreaKeyPath()) < 0) {
             break;
         }
     }
@@ -34,6 +36,10 @@ CShmSandbox::~CShmSandbox() {
         if (id >= 0) {
             shmctl(id, IPC_RMID, nullptr);
         }
+    }
+    const int health = HealthSegmentId(AreaKeyPath());
+    if (health >= 0) {
+        shmctl(health, IPC_RMID, nullptr);
     }
     if (m_hadKeyDir) {
         setenv(QUVO_KEY_DIR_ENV, m_savedKeyDir.c_str(), 1);
@@ -55,6 +61,11 @@ int CShmSandbox::SegmentId(const std::string& keyPath) {
         return -1;
     }
     return shmget(key, 0, 0);
+}
+
+int CShmSandbox::HealthSegmentId(const std::string& areaKeyPath) {
+    const key_t key = ftok(areaKeyPath.c_str(), QUVO_HEALTH_PROJ_ID);
+    return key == -1 ? -1 : shmget(key, 0, 0);
 }
 
 long CShmSandbox::AttachCount(const std::string& keyPath) {

@@ -19,6 +19,8 @@ public:
     std::string AreaKeyPath() const;
     // The System V id of the segment keyed by `keyPath`, or -1 if none exists.
     static int SegmentId(const std::string& keyPath);
+    // The id of the feed's health segment keyed by the area's key file, or -1.
+    static int HealthSegmentId(const std::string& areaKeyPath);
     // Number of processes attached to the segment keyed by `keyPath`.
     static long AttachCount(const std::string& keyPath);
 

@@ -3,10 +3,14 @@
 
 #include <gtest/gtest.h>
 
+#include "interface/quvohealth.h"
+
 extern "C" {
 size_t quvo_c_instrument_size(void);
 size_t quvo_c_share_size(void);
 size_t quvo_c_ask_px_offset(void);
+size_t quvo_c_health_size(void);
+size_t quvo_c_health_latency_offset(void);
 }
 
 namespace {
@@ -15,6 +19,8 @@ TEST(CommonHeaderTest, CAndCppAgreeOnTheLayout) {
     EXPECT_EQ(quvo_c_instrument_size(), sizeof(instrument));
     EXPECT_EQ(quvo_c_share_size(), sizeof(share_t));
     EXPECT_EQ(quvo_c_ask_px_offset(), offsetof(instrument, ask_px));
+    EXPECT_EQ(quvo_c_health_size(), sizeof(quvo_health));
+    EXPECT_EQ(quvo_c_health_latency_offset(), offsetof(quvo_health, latency));
 }
 
 TEST(CommonHeaderTest, SegmentSizesMatchTheRecords) {
