@@ -16,6 +16,7 @@
 #include "sim/SimState.h"
 #include "sim/StateCompare.h"
 #include "tools/DumpFormat.h"
+#include "tools/HealthFormat.h"
 #include "tools/StopSignal.h"
 
 namespace {
@@ -23,6 +24,7 @@ namespace {
 constexpr const char* kUsage =
     "Usage: quvo-dump [options] [ID ...]\n"
     "       quvo-dump --check EXPECTED.json\n"
+    "       quvo-dump --health [--json]\n"
     "Prints instruments from the shared memory of the quvo-md feed on this host.\n"
     "\n"
     "  ID             identifier of an instrument to print, matched exactly (e.g. cu2501);\n"
@@ -44,6 +46,9 @@ constexpr const char* kUsage =
     "                 the first 20 differences (instrument, exchange, slot, field and\n"
     "                 both values), the number of the rest, then a summary line;\n"
     "                 takes no other option or ID\n"
+    "  --health       print the feed's health figures once, as quvo-stat --once does\n"
+    "                 (quvo-stat --help says what each means); with --json, one JSON\n"
+    "                 object on one line; takes no other option and no ID\n"
     "  -h, --help     print this text and exit\n"
     "\n"
     "The table shows ten levels a side: the exchange publishes five, levels 6 to 10\n"
@@ -54,10 +59,12 @@ constexpr const char* kUsage =
     "Shared memory: the update ring is keyed by ftok on the file key_f, the market-data\n"
     "area by key_e, both in the directory named by the environment variable\n"
     "QUVO_KEY_DIR, or in /etc when it is unset or empty. Both are attached read-only.\n"
+    "The health segment is keyed by ftok on key_e with project id 'H'.\n"
     "\n"
     "Exit status: 0 done; 1 an ID is not in use; 2 bad options, or the shared memory\n"
     "cannot be attached. With --check: 0 equal, 1 different, 2 the file cannot be\n"
-    "read or is not an expected state, or the shared memory cannot be attached.\n";
+    "read or is not an expected state, or the shared memory cannot be attached.\n"
+    "With --health: 0 printed; 2 no health segment, or one that cannot be read.\n";
 
 struct DumpOptions {
     bool all = false;
@@ -69,6 +76,7 @@ struct DumpOptions {
     long count = 0;
     std::string checkPath;
     bool check = false;
+    bool health = false;
     std::vector<std::string> ids;
 };
 
@@ -117,6 +125,8 @@ bool parse_options(int argc, char** argv, DumpOptions& options, std::string& err
             options.json = true;
         } else if (arg == "--counts") {
             options.counts = true;
+        } else if (arg == "--health") {
+            options.health = true;
         } else if (arg == "--watch") {
             options.watch = true;
         } else if (arg == "-h" || arg == "--help") {
@@ -146,6 +156,9 @@ bool parse_options(int argc, char** argv, DumpOptions& options, std::string& err
     if (options.check &&
         (options.all || options.json || options.counts || options.watch || !options.ids.empty())) {
         error = "--check takes no other option and no ID";
+    } else if (options.health && (options.all || options.counts || options.watch || options.check ||
+                                  options.intervalMs > 0 || options.count > 0 || !options.ids.empty())) {
+        error = "--health takes no other option than --json, and no ID";
     } else if (options.all && !options.ids.empty()) {
         error = "--all and IDs exclude each other";
     } else if (!options.watch && (options.intervalMs > 0 || options.count > 0)) {
@@ -399,6 +412,22 @@ int check_state(const DumpOptions& options) {
     return differences == 0 ? 0 : 1;
 }
 
+// Exit status: 0 printed, 2 no segment or no usable copy.
+int print_health(const DumpOptions& options) {
+    CQuvoHealthReader reader;
+    std::string error;
+    quvo_health copy;
+    if (!attach_health_reader(reader, error) || !reader.Read(copy, error)) {
+        fprintf(stderr, "quvo-dump: %s\n", error.c_str());
+        return 2;
+    }
+    const bool alive = quvo_health_writer_alive(copy);
+    const std::string text = options.json ? health_json_line(health_to_json(copy, alive))
+                                          : health_report(copy, alive, health_wall_now_ns(), nullptr);
+    fwrite(text.data(), 1, text.size(), stdout);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -414,6 +443,9 @@ int main(int argc, char** argv) {
     }
     if (options.check) {
         return check_state(options);
+    }
+    if (options.health) {
+        return print_health(options);
     }
     CQuvoReader reader;
     if (!reader.Attach(error)) {
