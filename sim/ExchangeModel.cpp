@@ -302,6 +302,7 @@ bool CExchangeModel::Step(unsigned exchanges, SimFrames& out) {
     }
     Instrument& inst = m_instruments[index];
     const int e = inst.state.exchange == ESimExchange::SHFE ? 0 : 1;
+    const size_t framesBefore = out.Count();
 
     if (m_faults.Chance(m_options.shortRecord)) {
         std::vector<char> junk(static_cast<size_t>(m_faults.Between(1, kDecodedRecordMinLen - 1)));
@@ -309,11 +310,13 @@ bool CExchangeModel::Step(unsigned exchanges, SimFrames& out) {
             c = static_cast<char>(m_faults.Next());
         }
         out.Add(junk);
+        ++m_faultCounts.shortRecord;
     }
     if (m_faults.Chance(m_options.badLength)) {
         std::vector<char> big(
             static_cast<size_t>(m_faults.Between(kDecodedFrameMaxLen + 1, kDecodedFrameMaxLen + 64)), 0);
         out.Add(big);
+        ++m_faultCounts.badLength;
     }
     const bool canCross =
         inst.state.kind != ESimKind::TAS && !inst.side[kBid].empty() && !inst.side[kAsk].empty();
@@ -322,6 +325,7 @@ bool CExchangeModel::Step(unsigned exchanges, SimFrames& out) {
         crossing.levels.push_back(
             {kBid, 1, PRICE_EVENT_UPDATE, inst.side[kAsk].front().offset, inst.side[kBid].front().volume});
         out.Add(_Encode(inst, inst.state.changeNo + 1, crossing));
+        ++m_faultCounts.crossed;
     }
 
     Change change;
@@ -358,7 +362,8 @@ bool CExchangeModel::Step(unsigned exchanges, SimFrames& out) {
     ++s.changeNo;
     inst.updateMillisec = _Millisec();
     std::vector<char> record = _Encode(inst, s.changeNo, change);
-    if (m_faults.Chance(m_options.unknownField)) {
+    const bool unknownField = m_faults.Chance(m_options.unknownField);
+    if (unknownField) {
         const uint16_t unknown[4] = {0x1FFF, 0, 0, 0};
         record.insert(record.end(), reinterpret_cast<const char*>(unknown),
                       reinterpret_cast<const char*>(unknown) + sizeof(unknown));
@@ -372,9 +377,12 @@ bool CExchangeModel::Step(unsigned exchanges, SimFrames& out) {
         m_forced = static_cast<int64_t>(index);
         m_snapshotsAtLoss = m_snapshots;
         m_lastLost = true;
+        // Frames a fault slipped in before the lost record still go out.
+        m_faultCounts.decodedFrames += out.Count() - framesBefore;
         return true;
     }
     out.Add(record);
+    m_faultCounts.unknownField += unknownField ? 1 : 0;
     if (m_history.size() < 64) {
         m_history.push_back(record);
     } else {
@@ -383,7 +391,9 @@ bool CExchangeModel::Step(unsigned exchanges, SimFrames& out) {
     if (m_history.size() > 1 && m_faults.Chance(m_options.stale)) {
         out.Add(
             m_history[static_cast<size_t>(m_faults.Between(0, static_cast<int64_t>(m_history.size()) - 2))]);
+        ++m_faultCounts.stale;
     }
+    m_faultCounts.decodedFrames += out.Count() - framesBefore;
     return true;
 }
 
@@ -578,6 +588,7 @@ SimState CExchangeModel::GetState() const {
     state.records = m_records;
     state.snapshots = m_snapshots;
     state.gaps = m_gaps;
+    state.faults = m_faultCounts;
     state.instruments.reserve(m_instruments.size());
     for (const Instrument& inst : m_instruments) {
         SimInstrumentState s = inst.state;
@@ -686,7 +697,7 @@ namespace {
 // Cuts one connection's byte stream into segments and sends them with the
 // faults asked for. Returns false when it stopped at an injected reset.
 bool SendConnection(const std::vector<char>& stream, TcpSegmentFields connection, const SimOptions& options,
-                    CSimRandom& random, bool reset, SimFrames& out) {
+                    CSimRandom& random, bool reset, SimFrames& out, SimFaultCounts& counts) {
     std::vector<std::pair<size_t, size_t>> segments;  // offset, length
     for (size_t at = 0; at < stream.size(); at += kMss) {
         segments.push_back({at, std::min(kMss, stream.size() - at)});
@@ -708,24 +719,31 @@ bool SendConnection(const std::vector<char>& stream, TcpSegmentFields connection
             other.dstPort =
                 kind == 2 ? static_cast<uint16_t>(connection.dstPort ^ 0x4000) : connection.dstPort;
             out.Add(build_tcp_frame(other, data, std::min<size_t>(size, 64)));
+            ++(kind == 2 ? counts.tcpOtherPort : counts.tcpOtherProtocol);
         }
         if (mayFault && random.Chance(options.tcpBadChecksum)) {
             TcpSegmentFields bad = s;
             bad.badChecksum = true;
             out.Add(build_tcp_frame(bad, data, size));
+            ++counts.tcpBadChecksum;
         }
         if (mayFault && random.Chance(options.tcpPadding)) {
             s.padding = static_cast<size_t>(random.Between(1, 18));
+            ++counts.tcpPadding;
         }
         out.Add(build_tcp_frame(s, data, size));
     };
 
-    // Held-back segments wait for the index at which they are sent again.
+    // Held-back segments wait for the index at which they are sent again. A
+    // segment is held at most once, as lost or as a duplicate.
     std::vector<std::pair<size_t, size_t>> later;  // due index, segment
+    std::vector<bool> lost(segments.size(), false);
     const auto release = [&](size_t now, bool all) {
         std::stable_sort(later.begin(), later.end());
         while (!later.empty() && (all || later.front().first <= now)) {
-            send(later.front().second, false);
+            const size_t index = later.front().second;
+            send(index, false);
+            ++(lost[index] ? counts.tcpLoss : counts.tcpDuplicate);
             later.erase(later.begin());
         }
     };
@@ -739,6 +757,7 @@ bool SendConnection(const std::vector<char>& stream, TcpSegmentFields connection
             rst.flags = 0x14;
             static const char kReason[] = "connection reset";
             out.Add(build_tcp_frame(rst, kReason, sizeof(kReason) - 1));
+            ++counts.tcpReset;
             return false;
         }
         // The first segment opens the session and the last closes it: both
@@ -746,11 +765,13 @@ bool SendConnection(const std::vector<char>& stream, TcpSegmentFields connection
         const bool middle = i > 0 && !last;
         if (middle && random.Chance(options.tcpLoss)) {
             later.push_back({i + static_cast<size_t>(random.Between(2, 5)), i});
+            lost[i] = true;
             continue;
         }
         if (middle && i + 2 < segments.size() && random.Chance(options.tcpReorder)) {
             send(i + 1, true);
             send(i, true);
+            ++counts.tcpReorder;
             ++i;
             continue;
         }
@@ -778,6 +799,7 @@ void CExchangeModel::BuildSnapshotFrames(unsigned exchanges, SimFrames& out) {
     }
     // A reset clears everything the feed holds, so every exchange is sent
     // again, with no further reset.
+    const size_t framesBefore = out.Count();
     bool reset = m_faults.Chance(m_options.tcpReset);
     const int resetExchange = static_cast<int>(m_faults.Between(0, 1));
     for (bool done = false; !done;) {
@@ -801,10 +823,11 @@ void CExchangeModel::BuildSnapshotFrames(unsigned exchanges, SimFrames& out) {
             // Far from wrapping: the feed does not handle sequence wrap-around.
             connection.seq = static_cast<uint32_t>(m_faults.Between(0, 0x7FFFFFFF));
             const bool resetHere = reset && (e == resetExchange || streams[resetExchange].empty());
-            if (!SendConnection(stream, connection, m_options, m_faults, resetHere, out)) {
+            if (!SendConnection(stream, connection, m_options, m_faults, resetHere, out, m_faultCounts)) {
                 reset = false;
                 done = false;
             }
         }
     }
+    m_faultCounts.rawFrames += out.Count() - framesBefore;
 }

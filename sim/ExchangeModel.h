@@ -139,6 +139,7 @@ private:
     int64_t m_timeNs;
     uint64_t m_records = 0;
     uint64_t m_snapshots = 0;
+    SimFaultCounts m_faultCounts;
     int32_t m_snapNo = 0;
     uint16_t m_nextSourcePort = 40000;
     // The instrument whose next record reveals a lost one, or -1.

@@ -44,6 +44,18 @@ bool for_each_count(State& state, Visitor& visit) {
            visit("snapshots", state.snapshots) && visit("gaps", state.gaps);
 }
 
+template <typename Faults, typename Visitor>
+bool for_each_fault(Faults& faults, Visitor& visit) {
+    return visit("tcp_reorder", faults.tcpReorder) && visit("tcp_duplicate", faults.tcpDuplicate) &&
+           visit("tcp_loss", faults.tcpLoss) && visit("tcp_bad_checksum", faults.tcpBadChecksum) &&
+           visit("tcp_padding", faults.tcpPadding) && visit("tcp_other_protocol", faults.tcpOtherProtocol) &&
+           visit("tcp_other_port", faults.tcpOtherPort) && visit("tcp_reset", faults.tcpReset) &&
+           visit("raw_frames", faults.rawFrames) && visit("stale", faults.stale) &&
+           visit("crossed", faults.crossed) && visit("unknown_field", faults.unknownField) &&
+           visit("short_record", faults.shortRecord) && visit("bad_length", faults.badLength) &&
+           visit("decoded_frames", faults.decodedFrames);
+}
+
 std::string dump(const ordered_json& value) {
     return value.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
 }
@@ -619,6 +631,19 @@ bool parse_state(const std::string& text, const std::string& source, SimState& s
     if (!for_each_count(read, top)) {
         return false;
     }
+    // Files written before the fault counts existed have none: all 0.
+    const auto faults = root.find("faults");
+    if (faults != root.end()) {
+        const SourceNote& faultsNote = document.Note(*faults);
+        if (!faults->is_object()) {
+            return top.Fail(faultsNote.line,
+                            "\"faults\" must be an object, not " + describe(*faults, faultsNote));
+        }
+        CObjectReader counts(source, document, *faults, faultsNote, "faults: ", error);
+        if (!for_each_fault(read.faults, counts)) {
+            return false;
+        }
+    }
     const json* instruments = top.Find("instruments");
     if (instruments == nullptr) {
         return false;
@@ -714,6 +739,9 @@ std::string format_sim_state(const SimState& state) {
     ordered_json counts = ordered_json::object();
     CFieldWriter writer(counts);
     for_each_count(state, writer);
+    ordered_json& faults = counts["faults"] = ordered_json::object();
+    CFieldWriter faultWriter(faults);
+    for_each_fault(state.faults, faultWriter);
     std::string out = "{";
     append_members(out, counts);
     out += ",\n \"instruments\": [";

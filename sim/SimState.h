@@ -50,11 +50,37 @@ struct SimInstrumentState {
     bool operator==(const SimInstrumentState&) const = default;
 };
 
+// Faults the model put into the frames it built, and the frames themselves.
+// A fault that was drawn but whose frame was never built (a record lost to a
+// gap, segments after an injected reset) is not counted.
+struct SimFaultCounts {
+    // Snapshot frames, port 1.
+    uint64_t tcpReorder = 0;        // segment pairs sent swapped
+    uint64_t tcpDuplicate = 0;      // segments sent a second time
+    uint64_t tcpLoss = 0;           // segments held back and sent later
+    uint64_t tcpBadChecksum = 0;    // corrupted copies sent before the real segment
+    uint64_t tcpPadding = 0;        // segments sent with Ethernet padding
+    uint64_t tcpOtherProtocol = 0;  // UDP (17) or ICMP (1) frames slipped in
+    uint64_t tcpOtherPort = 0;      // TCP frames to another port slipped in
+    uint64_t tcpReset = 0;          // RST+ACK frames sent
+    uint64_t rawFrames = 0;         // every frame built for port 1, faults included
+    // Decoded frames, port 0.
+    uint64_t stale = 0;          // old records sent again
+    uint64_t crossed = 0;        // book-crossing records sent before the real one
+    uint64_t unknownField = 0;   // records sent with an unknown field appended
+    uint64_t shortRecord = 0;    // frames shorter than a record header
+    uint64_t badLength = 0;      // frames longer than the card hands over
+    uint64_t decodedFrames = 0;  // every frame a Step built for port 0, faults included
+
+    bool operator==(const SimFaultCounts&) const = default;
+};
+
 struct SimState {
     uint64_t seed = 0;
     uint64_t records = 0;    // decoded records made, the lost ones included
     uint64_t snapshots = 0;  // snapshots sent
     uint64_t gaps = 0;       // lost records the feed sees, each a restart
+    SimFaultCounts faults;   // "faults" in JSON; all 0 when a file has none
     std::vector<SimInstrumentState> instruments;
 
     bool operator==(const SimState&) const = default;

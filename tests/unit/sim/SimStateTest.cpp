@@ -91,6 +91,31 @@ Fields top_fields() {
     return {{"seed", "1"}, {"records", "2"}, {"snapshots", "3"}, {"gaps", "4"}};
 }
 
+Fields fault_fields() {
+    return {{"tcp_reorder", "11"},    {"tcp_duplicate", "12"},
+            {"tcp_loss", "13"},       {"tcp_bad_checksum", "14"},
+            {"tcp_padding", "15"},    {"tcp_other_protocol", "16"},
+            {"tcp_other_port", "17"}, {"tcp_reset", "18"},
+            {"raw_frames", "19"},     {"stale", "20"},
+            {"crossed", "21"},        {"unknown_field", "22"},
+            {"short_record", "23"},   {"bad_length", "24"},
+            {"decoded_frames", "25"}};
+}
+
+SimFaultCounts fault_value() {
+    SimFaultCounts faults;
+    uint64_t* const counts[] = {&faults.tcpReorder,     &faults.tcpDuplicate, &faults.tcpLoss,
+                                &faults.tcpBadChecksum, &faults.tcpPadding,   &faults.tcpOtherProtocol,
+                                &faults.tcpOtherPort,   &faults.tcpReset,     &faults.rawFrames,
+                                &faults.stale,          &faults.crossed,      &faults.unknownField,
+                                &faults.shortRecord,    &faults.badLength,    &faults.decodedFrames};
+    uint64_t value = 11;
+    for (uint64_t* count : counts) {
+        *count = value++;
+    }
+    return faults;
+}
+
 void set_field(Fields& fields, const std::string& key, const std::string& value) {
     for (auto& field : fields) {
         if (field.first == key) {
@@ -111,6 +136,12 @@ std::string join_fields(const Fields& fields) {
         text += (text.empty() ? "\"" : ", \"") + key + "\": " + value;
     }
     return text;
+}
+
+Fields top_fields_with_faults(const Fields& faults = fault_fields()) {
+    Fields top = top_fields();
+    top.emplace_back("faults", "{" + join_fields(faults) + "}");
+    return top;
 }
 
 // The counts on line 1, then `instruments` as the value of "instruments".
@@ -208,6 +239,8 @@ SimState awkward_state() {
     state.records = 678;
     state.snapshots = 9;
     state.gaps = 8;
+    state.faults = fault_value();
+    state.faults.decodedFrames = std::numeric_limits<uint64_t>::max();
     // Every field gets several of the values across the instruments.
     for (size_t index = 0; index < awkward.size(); ++index) {
         SimInstrumentState inst = instrument_value();
@@ -259,6 +292,7 @@ TEST(SimStateTest, ReadsHandWrittenDocument) {
     EXPECT_EQ(state.records, 2u);
     EXPECT_EQ(state.snapshots, 3u);
     EXPECT_EQ(state.gaps, 4u);
+    EXPECT_EQ(state.faults, SimFaultCounts{}) << "a file without faults reads as none";
     ASSERT_EQ(state.instruments.size(), 2u);
     EXPECT_EQ(state.instruments[0], instrument_value());
     SimInstrumentState second = instrument_value();
@@ -331,7 +365,12 @@ TEST(SimStateTest, OneInstrumentPerLine) {
     }
     EXPECT_EQ(start, text.size()) << "ends with a newline";
     ASSERT_EQ(lines.size(), 2 + state.instruments.size() + 1) << text;
-    EXPECT_EQ(lines[0].rfind("{\"seed\": 12345, \"records\": 678, \"snapshots\": 9, \"gaps\": 8,", 0), 0u)
+    EXPECT_EQ(lines[0].rfind("{\"seed\": 12345, \"records\": 678, \"snapshots\": 9, \"gaps\": 8, "
+                             "\"faults\": {\"tcp_reorder\": 11, ",
+                             0),
+              0u)
+        << lines[0];
+    EXPECT_EQ(lines[0].substr(lines[0].size() - 40), "\"decoded_frames\": 18446744073709551615},")
         << lines[0];
     for (size_t index = 0; index < state.instruments.size(); ++index) {
         const std::string& line = lines[2 + index];
@@ -341,6 +380,84 @@ TEST(SimStateTest, OneInstrumentPerLine) {
             EXPECT_NE(line.find("\"" + key + "\": "), std::string::npos) << key;
         }
     }
+}
+
+TEST(SimStateTest, ReadsHandWrittenFaultCounts) {
+    SimState state;
+    std::string error;
+    ASSERT_TRUE(parse_sim_state(document({instrument_fields()}, top_fields_with_faults()), state, error))
+        << error;
+    EXPECT_EQ(state.faults, fault_value());
+    EXPECT_EQ(state.gaps, 4u);
+    EXPECT_EQ(state.instruments.at(0), instrument_value());
+}
+
+TEST(SimStateTest, FaultCountsRoundTripThroughFile) {
+    CTempDir dir;
+    const std::string path = dir.Path() + "/expected.json";
+    SimState state;
+    state.faults = fault_value();
+    state.faults.tcpReset = std::numeric_limits<uint64_t>::max();
+    state.faults.rawFrames = (uint64_t{1} << 53) + 1;  // a double cannot hold it
+    state.instruments.push_back(instrument_value());
+    std::string error;
+    ASSERT_TRUE(write_sim_state(path, state, error)) << error;
+    SimState back;
+    ASSERT_TRUE(read_sim_state(path, back, error)) << error;
+    EXPECT_EQ(back.faults, state.faults);
+    EXPECT_EQ(back, state);
+    // Each count under its own name, after "gaps".
+    const std::string text = read_file(path);
+    EXPECT_LT(text.find("\"gaps\": 0, \"faults\": {"), text.find("\"instruments\"")) << text;
+    for (const auto& [key, value] : fault_fields()) {
+        EXPECT_NE(text.find("\"" + key + "\": "), std::string::npos) << key;
+    }
+    EXPECT_NE(text.find("\"tcp_reset\": 18446744073709551615,"), std::string::npos) << text;
+    EXPECT_NE(text.find("\"raw_frames\": 9007199254740993,"), std::string::npos) << text;
+}
+
+TEST(SimStateTest, BadFaultCountsAreNamedAtTheirLine) {
+    for (const auto& [key, value] : fault_fields()) {
+        for (const char* bad : {"-1", "1.5", "1e3", "\"3\"", "null", "true", "18446744073709551616"}) {
+            Fields faults = fault_fields();
+            set_field(faults, key, bad);
+            EXPECT_EQ(parse_error(document({instrument_fields()}, top_fields_with_faults(faults))),
+                      "<input>:1: faults: \"" + key +
+                          "\" must be an integer from 0 to 18446744073709551615, not " +
+                          (bad[0] == '"' ? std::string("a string") : std::string(bad)))
+                << key << " = " << bad;
+        }
+        Fields missing = fault_fields();
+        erase_field(missing, key);
+        EXPECT_EQ(parse_error(document({instrument_fields()}, top_fields_with_faults(missing))),
+                  "<input>:1: faults: missing \"" + key + "\"");
+    }
+    // A count on a line of its own is named at that line.
+    Fields faults = fault_fields();
+    set_field(faults, "tcp_loss", "\n-2");
+    const std::string spread = "{" + join_fields(top_fields()) + ",\n\"faults\": {" + join_fields(faults) +
+                               "}, \"instruments\": []}";
+    EXPECT_EQ(parse_error(spread),
+              "<input>:3: faults: \"tcp_loss\" must be an integer from 0 to 18446744073709551615, not -2");
+    for (const char* notObject : {"[]", "0", "null", "\"none\""}) {
+        Fields top = top_fields();
+        top.emplace_back("faults", notObject);
+        EXPECT_EQ(parse_error(document({instrument_fields()}, top))
+                      .rfind("<input>:1: \"faults\" must be an object, not ", 0),
+                  0u)
+            << notObject;
+    }
+}
+
+TEST(SimStateTest, UnknownFaultCountsAreIgnored) {
+    Fields faults = fault_fields();
+    faults.emplace_back("tcp_future_fault", "7");
+    SimState state;
+    std::string error;
+    ASSERT_TRUE(
+        parse_sim_state(document({instrument_fields()}, top_fields_with_faults(faults)), state, error))
+        << error;
+    EXPECT_EQ(state.faults, fault_value());
 }
 
 TEST(SimStateTest, EmptyInstrumentListRoundTrips) {
