@@ -3,9 +3,27 @@
     with quvo.Reader() as reader:
         print(reader.book("cu2501"))
 
+Reader.health() (or read_health()) gives the feed's health figures.
 numpy is needed only for INSTRUMENT_DTYPE and Reader.instruments().
 """
 
+from ._health import (
+    CLEAN_CAUSES,
+    FEEDS,
+    HEALTH_KEY_FILE,
+    HEALTH_MAGIC,
+    HEALTH_PROJ_ID,
+    HEALTH_RECORDS,
+    HEALTH_SIZE,
+    HEALTH_VERSION,
+    LATENCY_BUCKETS,
+    LATENCY_SAMPLE_EVERY,
+    PHASES,
+    RESTART_REASONS,
+)
+from ._health import bucket as health_bucket
+from ._health import bucket_low as health_bucket_low
+from ._health import percentile as health_percentile
 from ._layout import (
     BOOK_LEVELS,
     DEFAULT_KEY_DIR,
@@ -45,12 +63,28 @@ from .reader import (
     find_end,
     ine_slot,
     key_path,
+    read_health,
     shfe_slot,
     slot_in_use,
     slot_is_ine,
 )
 
 __all__ = [
+    "CLEAN_CAUSES",
+    "FEEDS",
+    "HEALTH_KEY_FILE",
+    "HEALTH_MAGIC",
+    "HEALTH_PROJ_ID",
+    "HEALTH_RECORDS",
+    "HEALTH_SIZE",
+    "HEALTH_VERSION",
+    "LATENCY_BUCKETS",
+    "LATENCY_SAMPLE_EVERY",
+    "PHASES",
+    "RESTART_REASONS",
+    "health_bucket",
+    "health_bucket_low",
+    "health_percentile",
     "BOOK_LEVELS",
     "DEFAULT_KEY_DIR",
     "EXCHANGE_LEVELS",
@@ -85,6 +119,7 @@ __all__ = [
     "find_end",
     "ine_slot",
     "key_path",
+    "read_health",
     "shfe_slot",
     "slot_in_use",
     "slot_is_ine",

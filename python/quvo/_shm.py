@@ -85,6 +85,11 @@ def shmdt(address):
     return _libc.shmdt(address)
 
 
+def read(address, size):
+    """A copy of `size` bytes at an attached segment's `address`."""
+    return ctypes.string_at(address, size)
+
+
 def mapping(address, size):
     """A read-only memoryview of an attached segment; it is detached once this
     view and every view or array made from it are gone, so none of them can

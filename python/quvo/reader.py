@@ -26,6 +26,7 @@ from collections import namedtuple
 from dataclasses import dataclass
 from typing import Optional, Tuple
 
+from . import _health
 from . import _layout as L
 from . import _shm
 
@@ -131,18 +132,21 @@ def slot_in_use(first_byte: int) -> bool:
     return first_byte not in (0, ord(" "))
 
 
-def copy_consistent(read, max_copies: int = 16) -> bytes:
-    """Calls `read` until two successive results are equal and returns that
-    value, taking at most `max_copies` copies; raises InconsistentRecordError
-    when no two agreed."""
+def copy_consistent(read, max_copies: int = 16, key=None) -> bytes:
+    """Calls `read` until two successive results are equal (or, given `key`,
+    give equal keys) and returns the later, taking at most `max_copies`
+    copies; raises InconsistentRecordError when no two agreed."""
     if max_copies < 2:
         raise ValueError("max_copies must be at least 2")
-    previous = read()
+    if key is None:
+        key = _same
+    previous = key(read())
     for _ in range(max_copies - 1):
         current = read()
-        if current == previous:
+        compared = key(current)
+        if compared == previous:
             return current
-        previous = current
+        previous = compared
     raise InconsistentRecordError(f"no two of {max_copies} successive copies agreed")
 
 
@@ -344,6 +348,10 @@ class Reader:
             return slots
         return (self.book(slot, max_copies) for slot in slots)
 
+    def health(self, max_copies: int = 16) -> dict:
+        """The feed's health figures (read_health) for this reader's key directory."""
+        return read_health(self._key_dir, max_copies)
+
     def _slot_of(self, id_or_slot) -> int:
         if isinstance(id_or_slot, (str, bytes, bytearray)):
             slot = self.find(id_or_slot)
@@ -396,6 +404,71 @@ class Reader:
         _shm.shmdt(address)
         raise AttachError(message)
 
+
+def read_health(key_dir: Optional[str] = None, max_copies: int = 16) -> dict:
+    """The health figures of the feed of a key directory (by default
+    $QUVO_KEY_DIR when set and not empty, else /etc), in the form and key order
+    of quvo-dump --health --json; "state" is running, stopped, failed or gone.
+
+    Attaches the health segment read-only for the call and copies it until two
+    copies agree (InconsistentRecordError when no two of `max_copies` do);
+    the four poll counters, which a running feed moves on every poll, are left
+    out of the comparison and taken from the last copy.
+    Raises AttachError when there is no segment, or when its header names a
+    layout this package does not know: figures are never guessed at.
+    """
+    path = key_path(_health.HEALTH_KEY_FILE, key_dir)
+    try:
+        os.stat(path)
+    except FileNotFoundError:
+        raise AttachError(f"key file {path} does not exist: is {L.KEY_DIR_ENV} right?") from None
+    except OSError as error:
+        raise AttachError(f"cannot use key file {path}: {error.strerror}") from None
+    key = _shm.ftok(path, _health.HEALTH_PROJ_ID)
+    if key == -1:
+        raise AttachError(f"cannot make a key from {path}: {os.strerror(_shm.errno())}")
+    shmid = _shm.shmget(key, 0, 0)
+    if shmid == -1:
+        code = _shm.errno()
+        if code == errno_codes.ENOENT:
+            raise AttachError(
+                f"no health segment for key file {path}: no quvo-md has made one with this key directory "
+                "since the host started"
+            )
+        raise AttachError(f"cannot open the health segment for key file {path}: {os.strerror(code)}")
+    info = _shm.stat(shmid)
+    if info is None:
+        raise AttachError(f"cannot read the health segment's size: {os.strerror(_shm.errno())}")
+    size = info.shm_segsz
+    head_size = struct.calcsize(_health.HEAD_FORMAT)
+    if size < head_size:
+        raise AttachError(f"the health segment is {size} bytes: too small")
+    address = _shm.shmat_readonly(shmid)
+    if address is None:
+        raise AttachError(f"cannot attach the health segment read-only: {os.strerror(_shm.errno())}")
+    try:
+        magic, version, layout_size = struct.unpack(_health.HEAD_FORMAT, _shm.read(address, head_size))
+        # A known magic with another version or size is refused before the
+        # copy: the record may be shorter than this layout.
+        error = _health.layout_error(magic, version, layout_size) if magic == _health.HEALTH_MAGIC else None
+        if error is not None:
+            raise AttachError(error)
+        if size < _health.HEALTH_SIZE:
+            raise AttachError(f"the health segment is {size} bytes, smaller than this layout")
+        try:
+            record = copy_consistent(lambda: _shm.read(address, _health.HEALTH_SIZE), max_copies, _health.steady)
+        except InconsistentRecordError as error:
+            raise InconsistentRecordError(f"the health segment: {error}; the feed kept writing it") from None
+    finally:
+        _shm.shmdt(address)
+    error = _health.layout_error(*struct.unpack_from(_health.HEAD_FORMAT, record))
+    if error is not None:
+        raise AttachError(error)
+    return _health.figures(_health.decode(record))
+
+
+def _same(value):
+    return value
 
 
 def _bounded(value: int, limit: int) -> int:

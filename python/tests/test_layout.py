@@ -9,7 +9,7 @@ import unittest
 import numpy
 
 import quvo
-from quvo import _layout, _shm
+from quvo import _health, _layout, _shm
 from support import tool_path
 
 # Numpy kind of a C element, by the layout program's kind and element size.
@@ -75,6 +75,61 @@ class LayoutTest(unittest.TestCase):
                 described = getattr(_shm.ShmidDs, field["name"])
                 self.assertEqual(described.offset, field["offset"])
                 self.assertEqual(described.size, field["size"])
+
+
+class HealthLayoutTest(unittest.TestCase):
+    """The package's table of the health segment against the compiler's, record by record."""
+
+    @classmethod
+    def setUpClass(cls):
+        output = subprocess.run([tool_path("QUVO_LAYOUT_PATH")], capture_output=True, text=True, check=True).stdout
+        cls.health = json.loads(output)["health"]
+
+    def test_every_record_field_for_field(self):
+        c_records = self.health["records"]
+        self.assertEqual(sorted(quvo.HEALTH_RECORDS), sorted(c_records))
+        for record, (size, fields) in quvo.HEALTH_RECORDS.items():
+            c_fields = c_records[record]["fields"]
+            with self.subTest(record=record):
+                self.assertEqual(size, c_records[record]["size"])
+                self.assertEqual([(name, offset) for name, offset, _, _ in fields],
+                                 [(field["name"], field["offset"]) for field in c_fields])
+            for (name, _, code, count), field in zip(fields, c_fields):
+                with self.subTest(record=record, field=name):
+                    self.assertEqual(count, field["count"])
+                    if code in quvo.HEALTH_RECORDS:
+                        self.assertEqual(field["kind"], "record")
+                        self.assertEqual(quvo.HEALTH_RECORDS[code][0], field["element_size"])
+                    elif code == "s":
+                        self.assertEqual((field["kind"], field["element_size"]), ("i", 1))
+                    else:
+                        self.assertEqual(("u", struct.calcsize("=" + code)), (field["kind"], field["element_size"]))
+                    self.assertEqual(field["size"], field["element_size"] * count)
+
+    def test_every_record_is_covered_without_gaps(self):
+        for record, (size, fields) in quvo.HEALTH_RECORDS.items():
+            with self.subTest(record=record):
+                position = 0
+                for _, offset, code, count in fields:
+                    self.assertEqual(offset, position)
+                    if code in quvo.HEALTH_RECORDS:
+                        element = quvo.HEALTH_RECORDS[code][0]
+                    else:
+                        element = struct.calcsize("=" + code)
+                    position = offset + element * count
+                self.assertEqual(position, size)
+
+    def test_constants(self):
+        for name, value in self.health["constants"].items():
+            with self.subTest(constant=name):
+                self.assertEqual(getattr(_health, name), value)
+
+    def test_names_in_the_order_of_the_enums(self):
+        names = self.health["functions"]["names"]
+        self.assertEqual(list(quvo.PHASES) + ["unknown"], names["phases"])
+        self.assertEqual(list(quvo.RESTART_REASONS) + ["unknown"], names["restart_reasons"])
+        self.assertEqual(list(quvo.CLEAN_CAUSES) + ["unknown"], names["clean_causes"])
+        self.assertEqual(list(quvo.FEEDS) + ["unknown"], names["feeds"])
 
 
 if __name__ == "__main__":
