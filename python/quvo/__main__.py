@@ -1,4 +1,5 @@
-"""python3 -m quvo [--json] [ID ...]: prints books from quvo-md's shared memory."""
+"""python3 -m quvo [--json] [ID ...] | --health [--json]: prints books, or the feed's health figures, from
+quvo-md's shared memory."""
 
 import argparse
 import json
@@ -11,6 +12,8 @@ from . import (
     QuvoError,
     Reader,
     format_amount,
+    health_bucket_low,
+    read_health,
     format_price,
     instrument_price_decimals,
     price_decimals,
@@ -79,11 +82,62 @@ def _json(inst):
     return json.dumps(record(inst), separators=(",", ":"), allow_nan=False)
 
 
+def _health_text(figures):
+    """The figures as lines of `name value` pairs, one section a line."""
+
+    def pairs(values):
+        return "  ".join(f"{name} {'-' if value is None else value}" for name, value in values.items())
+
+    lines = [
+        f"state {figures['state']}  phase {figures['phase']}  run {figures['run']}  pid {figures['pid']}  "
+        f"layout_version {figures['layout_version']}",
+        f"config_path {figures['config_path']}",
+        f"start_ns {figures['start_ns']}",
+        "phase_started_ns  " + pairs(figures["phase_started_ns"]),
+        "restarts  " + pairs(figures["restarts"]),
+    ]
+    snapshot = dict(figures["snapshot"])
+    feeds = snapshot.pop("feeds")
+    cleared = snapshot.pop("cleared")
+    lines.append("snapshot  " + pairs(snapshot))
+    lines += [f"snapshot {name}  " + pairs(feed) for name, feed in feeds.items()]
+    lines.append("snapshot cleared  " + pairs(cleared))
+    for section in ("tcp", "records", "cache", "ring"):
+        lines.append(f"{section}  " + pairs(figures[section]))
+    latency = dict(figures["latency"])
+    buckets = latency.pop("buckets")
+    lines.append("latency  " + pairs(latency))
+    lines += [
+        f"latency bucket {i} from {health_bucket_low(i)} ns  {count}" for i, count in enumerate(buckets) if count
+    ]
+    return "\n".join(lines)
+
+
+def _print_health(as_json):
+    try:
+        figures = read_health()
+    except AttachError as error:
+        print(f"quvo: {error}", file=sys.stderr)
+        return 2
+    except QuvoError as error:
+        print(f"quvo: {error}", file=sys.stderr)
+        return 1
+    print(json.dumps(figures, separators=(",", ":")) if as_json else _health_text(figures))
+    return 0
+
+
 def main(argv=None):
     parser = argparse.ArgumentParser(prog="python3 -m quvo", description=__doc__.split(": ", 1)[1])
     parser.add_argument("ids", nargs="*", metavar="ID", help="instrument identifier; none prints every one in use")
     parser.add_argument("--json", action="store_true", help="one JSON object per line, as quvo-dump --json")
+    parser.add_argument(
+        "--health", action="store_true", help="the feed's health figures instead of books (one line with --json)"
+    )
     args = parser.parse_args(argv)
+    if args.health:
+        if args.ids:
+            parser.error("--health takes no instrument identifiers")
+        return _print_health(args.json)
     try:
         with Reader() as reader:
             targets = args.ids or reader.slots()

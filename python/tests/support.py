@@ -27,6 +27,12 @@ def segment_id(key_file_path):
     return -1 if key == -1 else _shm.shmget(key, 0, 0)
 
 
+def health_segment_id(key_dir):
+    """System V id of the health segment of a key directory, or -1 when there is none."""
+    key = _shm.ftok(os.path.join(key_dir, quvo.HEALTH_KEY_FILE), quvo.HEALTH_PROJ_ID)
+    return -1 if key == -1 else _shm.shmget(key, 0, 0)
+
+
 def attach_count(key_file_path):
     shmid = segment_id(key_file_path)
     info = _shm.stat(shmid) if shmid >= 0 else None
@@ -35,7 +41,7 @@ def attach_count(key_file_path):
 
 class KeySandbox:
     """A fresh directory holding empty key_f and key_e. cleanup() removes the
-    segments keyed by them and the directory."""
+    segments keyed by them (the health segment too) and the directory."""
 
     def __init__(self):
         self._dir = tempfile.TemporaryDirectory(prefix="quvo-py-")
@@ -44,6 +50,8 @@ class KeySandbox:
         for path in self.key_paths:
             open(path, "w").close()
         taken = [path for path in self.key_paths if segment_id(path) >= 0]
+        if health_segment_id(self.path) >= 0:
+            taken.append(f"{quvo.HEALTH_KEY_FILE} (health)")
         if taken:
             # ftok keys come from inode numbers and can collide; never touch another run's segment.
             raise RuntimeError(f"a segment already exists for the key of {taken}; run again")
@@ -53,6 +61,9 @@ class KeySandbox:
             shmid = segment_id(path)
             if shmid >= 0:
                 _shm.shmctl(shmid, _shm.IPC_RMID)
+        shmid = health_segment_id(self.path)
+        if shmid >= 0:
+            _shm.shmctl(shmid, _shm.IPC_RMID)
         self._dir.cleanup()
 
 
