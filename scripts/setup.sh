@@ -26,6 +26,9 @@ need_command clang clang
 need_header ncurses.h libncurses-dev
 need_header nlohmann/json.hpp nlohmann-json3-dev
 need_command tmux tmux
+# quvo-exporter, and promtool to check what it serves.
+need_header prometheus/exposer.h prometheus-cpp-dev
+need_command promtool prometheus
 # The Python tests run on Debian's interpreter, where python3-numpy installs.
 need_command /usr/bin/python3 python3
 [ -d /usr/lib/python3/dist-packages/numpy ] || missing+=(python3-numpy)
