@@ -568,8 +568,9 @@ std::string health_report(const quvo_health& health, bool writerAlive, uint64_t 
 std::string health_summary(const quvo_health& health, bool writerAlive, const health_rates* rates,
                            bool ascii) {
     const char* state = health_state(health, writerAlive);
-    std::string text = strcmp(state, "running") == 0 ? quvo_health_phase_name(health.process.phase) : state;
-    if (rates != nullptr && rates->received) {
+    const bool running = strcmp(state, "running") == 0;
+    std::string text = running ? quvo_health_phase_name(health.process.phase) : state;
+    if (running && rates != nullptr && rates->received) {
         text += "  " + format_count(static_cast<uint64_t>(std::llround(*rates->received))) + " rec/s";
     }
     text += "  restarts " + format_count(restarts_total(health));

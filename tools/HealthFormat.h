@@ -72,7 +72,7 @@ std::string health_report(const quvo_health& health, bool writerAlive, uint64_t 
                           const health_rates* rates);
 
 // One line for quvo-view's status bar, e.g. "live  52,311 rec/s  restarts 3  p99 1.2µs";
-// the records a second only when `rates` tells them. `ascii` writes "us" for
+// the records a second only for a running feed and when `rates` tells them. `ascii` writes "us" for
 // microseconds, for terminals that take no UTF-8.
 std::string health_summary(const quvo_health& health, bool writerAlive, const health_rates* rates,
                            bool ascii = false);

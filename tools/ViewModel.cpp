@@ -8,6 +8,7 @@
 
 #include "src/api/InstrumentId.h"
 #include "tools/DumpFormat.h"
+#include "tools/HealthFormat.h"
 
 namespace {
 
@@ -578,4 +579,37 @@ void CViewFeed::_Check(int64_t nowMs) {
         _Load();
     }
     m_state = m_reader.AttachCount() > 1 ? EFeedState::Live : EFeedState::Stopped;
+}
+
+void CViewHealth::Poll(int64_t nowMs) {
+    if (nowMs < m_nextRead) {
+        return;
+    }
+    m_nextRead = nowMs + kReadMs;
+    std::string error;
+    quvo_health copy;
+    if ((!m_reader.IsCurrent() && !attach_health_reader(m_reader, error)) || !m_reader.Read(copy, error)) {
+        m_hasLast = false;
+        m_hasBefore = false;
+        return;
+    }
+    m_before = m_last;
+    m_beforeMs = m_lastMs;
+    m_hasBefore = m_hasLast;
+    m_last = copy;
+    m_lastMs = nowMs;
+    m_hasLast = true;
+    m_writerAlive = quvo_health_writer_alive(copy);
+}
+
+std::string CViewHealth::Summary() const {
+    if (!m_hasLast) {
+        return "no health figures";
+    }
+    if (!m_hasBefore) {
+        return health_summary(m_last, m_writerAlive, nullptr, true);
+    }
+    const health_rates rates =
+        health_rates_between(m_before, m_last, static_cast<double>(m_lastMs - m_beforeMs) / 1000.0);
+    return health_summary(m_last, m_writerAlive, &rates, true);
 }

@@ -12,6 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "interface/quvohealthreader.h"
 #include "interface/quvoreader.h"
 
 // `last` minus `first` at `decimals` places ("+20", "-0.2", "0"); -1 gives
@@ -206,4 +207,29 @@ private:
     int64_t m_lastAnnounce = -1;
     std::vector<char> m_pending;
     std::vector<uint16_t> m_pendingSlots;
+};
+
+// The feed's health figures for the status line, from its health segment.
+class CViewHealth {
+public:
+    static constexpr int64_t kReadMs = 500;
+
+    // Reads the segment when kReadMs have passed since the last read,
+    // attaching first (anew when the key file names another segment).
+    void Poll(int64_t nowMs);
+    // The last copy's one-line summary (health_summary), records a second
+    // from the copy a read before; "no health figures" when the last read
+    // found no segment or no usable copy.
+    std::string Summary() const;
+
+private:
+    CQuvoHealthReader m_reader;
+    quvo_health m_last{};
+    quvo_health m_before{};
+    int64_t m_lastMs = 0;
+    int64_t m_beforeMs = 0;
+    bool m_hasLast = false;
+    bool m_hasBefore = false;
+    bool m_writerAlive = false;
+    int64_t m_nextRead = INT64_MIN;
 };

@@ -44,6 +44,12 @@ constexpr const char* kUsage =
     "                    strictly above it, and empty ones (the bottom line shows which)\n"
     "              Esc, Backspace or Left  back to the list;  q  quit\n"
     "\n"
+    "The status line shows the feed's state, the instruments in use, the updates the ring\n"
+    "announced in the last second, and from the feed's health segment (see quvo-stat):\n"
+    "its phase (or stopped, failed, gone), records received a second, restarts since it\n"
+    "started and the 99th percentile of its latency from frame to announcement; \"no\n"
+    "health figures\" when that segment cannot be read.\n"
+    "\n"
     "Once attached, quvo-view does not exit when the feed stops: the status line then\n"
     "reads \"waiting for quvo-md\" and the last books stay on screen. The feed counts as\n"
     "stopped when its segments are gone or no other process is attached to them. When it\n"
@@ -203,6 +209,8 @@ private:
             status += ", " + std::to_string(m_model.VisibleCount()) + " shown";
         }
         status += "  |  " + std::to_string(m_model.TotalPerSecond(now)) + " updates/s";
+        m_health.Poll(now);
+        status += "  |  " + m_health.Summary();
         _Line(0, status, A_REVERSE, true);
         int y = 1;
         if (m_model.InLadder()) {
@@ -243,6 +251,7 @@ private:
 
     CViewModel& m_model;
     CViewFeed& m_feed;
+    CViewHealth m_health;
     bool m_searching = false;
     bool m_quit = false;
 };

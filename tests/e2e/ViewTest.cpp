@@ -707,7 +707,11 @@ TEST_F(ViewE2E, FollowsTheFeedThroughStopsAndRestarts) {
 
     StopFeed();
     m_view->WaitScreen(
-        [&](const std::vector<std::string>& s) { return status_has(s, "waiting for quvo-md"); },
+        [&](const std::vector<std::string>& s) {
+            const std::string waiting = status_has(s, "waiting for quvo-md");
+            // The health figures the feed left, from its health segment.
+            return waiting.empty() ? status_has(s, "|  stopped  restarts 0") : waiting;
+        },
         kTimeoutSeconds);
 
     // Restarted on the same segments, with a market that keeps moving a while.
@@ -719,6 +723,15 @@ TEST_F(ViewE2E, FollowsTheFeedThroughStopsAndRestarts) {
                 return live;
             }
             return status_counts_updates(s) ? "" : std::string("no updates counted");
+        },
+        kTimeoutSeconds);
+    // The new feed's phase, and records a second from two reads of its health figures.
+    m_view->WaitScreen(
+        [&](const std::vector<std::string>& s) {
+            return !s.empty() &&
+                           std::regex_search(s[0], std::regex("\\|  live  [0-9,]+ rec/s  restarts 0  p99 "))
+                       ? ""
+                       : "the status line lacks the live feed's health summary";
         },
         kTimeoutSeconds);
     const std::vector<dump_record> second = SettledBooks();

@@ -433,7 +433,9 @@ TEST_F(HealthFormatTest, SummaryForTheStatusLine) {
     after.process.pid += 1;
     const health_rates acrossFeeds = health_rates_between(m_health, after, 1.0);
     EXPECT_EQ(health_summary(after, true, &acrossFeeds), "live  restarts 3  p99 2.0µs");
+    after.process.pid = m_health.process.pid;
     after.process.phase = QUVO_PHASE_STOPPED;
+    EXPECT_EQ(health_summary(after, false, &rates), "stopped  restarts 3  p99 2.0µs");
     after.latency = quvo_health_latency{};
     EXPECT_EQ(health_summary(after, false, nullptr), "stopped  restarts 3  p99 -");
     after.process.phase = QUVO_PHASE_SNAPSHOT;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
+#include <unistd.h>
 
 #include <array>
 #include <cstring>
@@ -733,6 +734,79 @@ TEST_F(ViewFeedTest, AttachesAnewWhenTheSegmentsAreReplaced) {
     m_feed.Poll(now + 1 + CViewFeed::kRetryMs);
     EXPECT_EQ(m_feed.State(), EFeedState::Live);
     EXPECT_EQ(Last(0), 99);
+}
+
+// A health segment made as the feed makes it; the test plays a live feed.
+class ViewHealthTest : public ::testing::Test {
+protected:
+    ~ViewHealthTest() override { Remove(); }
+
+    quvo_health& Create() {
+        const key_t key = ftok(m_sandbox.AreaKeyPath().c_str(), QUVO_HEALTH_PROJ_ID);
+        m_id = shmget(key, sizeof(quvo_health), IPC_CREAT | 0644);
+        EXPECT_GE(m_id, 0);
+        m_pHealth = static_cast<quvo_health*>(shmat(m_id, nullptr, 0));
+        memset(m_pHealth, 0, sizeof(quvo_health));
+        m_pHealth->version = QUVO_HEALTH_VERSION;
+        m_pHealth->size = sizeof(quvo_health);
+        m_pHealth->process.pid = static_cast<uint64_t>(getpid());
+        m_pHealth->process.start_ns = 1;
+        m_pHealth->process.start_ticks = quvo_process_start_ticks(getpid());
+        m_pHealth->process.phase = QUVO_PHASE_LIVE;
+        m_pHealth->magic = QUVO_HEALTH_MAGIC;
+        return *m_pHealth;
+    }
+    void Remove() {
+        if (m_pHealth != nullptr) {
+            shmdt(m_pHealth);
+            shmctl(m_id, IPC_RMID, nullptr);
+            m_pHealth = nullptr;
+        }
+    }
+
+    CShmSandbox m_sandbox;
+    quvo_health* m_pHealth = nullptr;
+    int m_id = -1;
+};
+
+TEST_F(ViewHealthTest, SaysSoWithoutASegment) {
+    CViewHealth health;
+    health.Poll(kStart);
+    EXPECT_EQ(health.Summary(), "no health figures");
+}
+
+TEST_F(ViewHealthTest, RecordsASecondFromTwoReads) {
+    quvo_health& figures = Create();
+    figures.records.received = 1000;
+    figures.restarts.by_reason[QUVO_RESTART_GAP] = 2;
+    CViewHealth health;
+    health.Poll(kStart);
+    EXPECT_EQ(health.Summary(), "live  restarts 2  p99 -");
+    figures.records.received += 600;
+    figures.latency.samples = 1;
+    figures.latency.max_ns = 1500;
+    figures.latency.buckets[quvo_health_bucket(1500)] = 1;
+    health.Poll(kStart + CViewHealth::kReadMs - 1);  // not due: the copy stays
+    EXPECT_EQ(health.Summary(), "live  restarts 2  p99 -");
+    health.Poll(kStart + CViewHealth::kReadMs);
+    EXPECT_EQ(health.Summary(), "live  1,200 rec/s  restarts 2  p99 1.5us");
+
+    figures.process.phase = QUVO_PHASE_STOPPED;
+    health.Poll(kStart + 2 * CViewHealth::kReadMs);
+    EXPECT_EQ(health.Summary(), "stopped  restarts 2  p99 1.5us");
+
+    // A segment whose layout is unknown gives no figures.
+    figures.version = QUVO_HEALTH_VERSION + 1;
+    health.Poll(kStart + 3 * CViewHealth::kReadMs);
+    EXPECT_EQ(health.Summary(), "no health figures");
+
+    // Removed, then made anew by another feed: attached again.
+    Remove();
+    health.Poll(kStart + 4 * CViewHealth::kReadMs);
+    EXPECT_EQ(health.Summary(), "no health figures");
+    Create().process.phase = QUVO_PHASE_SNAPSHOT;
+    health.Poll(kStart + 5 * CViewHealth::kReadMs);
+    EXPECT_EQ(health.Summary(), "snapshot  restarts 0  p99 -");
 }
 
 }  // namespace
