@@ -350,6 +350,10 @@ TEST_F(DumpToolTest, BadOptionsPrintTheUsageWithStatusTwo) {
         {"--check", "expect.json", "--watch"},
         {"--check", "expect.json", "--counts"},
         {"--all", "--check", "expect.json"},
+        {"--health", "cu2501"},
+        {"--health", "--counts"},
+        {"--health", "--watch"},
+        {"--health=1"},
     };
     for (const std::vector<std::string>& args : cases) {
         const RunResult result = run_dump(args);
@@ -367,8 +371,8 @@ TEST_F(DumpToolTest, HelpDocumentsEveryOptionAndTheKeyDirectory) {
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.err, "");
     for (const char* word :
-         {"--all", "--json", "--counts", "--watch", "--interval MS", "--count N", "--check FILE", "--help",
-          "QUVO_KEY_DIR", "/etc", "key_f", "key_e", "SIGINT", "SIGTERM"}) {
+         {"--all", "--json", "--counts", "--watch", "--interval MS", "--count N", "--check FILE", "--health",
+          "--help", "QUVO_KEY_DIR", "/etc", "key_f", "key_e", "SIGINT", "SIGTERM"}) {
         EXPECT_NE(result.out.find(word), std::string::npos) << word;
     }
 }
