@@ -366,7 +366,14 @@ private:
         if (!m_reader.IsCurrent() && !m_reader.Attach(error)) {
             return false;
         }
-        return m_reader.Read(copy, error);
+        // A busy feed may keep a copy from settling; a few more tries are
+        // cheaper than a scrape without figures.
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            if (m_reader.Read(copy, error)) {
+                return true;
+            }
+        }
+        return false;
     }
 
     // Each reason once, not once per scrape.
