@@ -44,23 +44,33 @@ inline const char* quvo_health_feed_name(unsigned feed) {
     return feed < QUVO_HEALTH_FEEDS ? kNames[feed] : "unknown";
 }
 
-// Copies `source` until two successive copies are byte-identical, at most
-// `maxCopies` copies; false when none agreed (`out` then holds the last).
+// Copies `source` until two successive copies agree, at most `maxCopies`
+// copies; false when none agreed (`out` then holds the last). The four poll
+// counters move on every idle turn of the feed's loops, faster than a copy
+// is taken, so they are left out of the comparison: each is one aligned
+// word and is taken from the last copy.
 inline bool quvo_health_copy(const quvo_health& source, quvo_health& out, unsigned maxCopies = 16) {
     if (maxCopies < 2) {
         return false;
     }
+    const auto settled = [](quvo_health& copy) {
+        copy.tcp.polls_empty = copy.tcp.polls_busy = 0;
+        copy.latency.polls_empty = copy.latency.polls_busy = 0;
+    };
     quvo_health previous;
-    quvo_health* last = &previous;
-    memcpy(last, &source, sizeof(quvo_health));
+    quvo_health current;
+    memcpy(&previous, &source, sizeof(quvo_health));
+    settled(previous);
     for (unsigned copies = 2; copies <= maxCopies; ++copies) {
         std::atomic_thread_fence(std::memory_order_acquire);
         __asm__ __volatile__("" ::: "memory");
         memcpy(&out, &source, sizeof(quvo_health));
-        if (memcmp(last, &out, sizeof(quvo_health)) == 0) {
+        current = out;
+        settled(current);
+        if (memcmp(&previous, &current, sizeof(quvo_health)) == 0) {
             return true;
         }
-        memcpy(last, &out, sizeof(quvo_health));
+        previous = current;
     }
     return false;
 }
@@ -218,8 +228,7 @@ public:
         uint32_t head[3];
         memcpy(head, m_pAddr, sizeof(head));
         if (head[0] == QUVO_HEALTH_MAGIC &&
-            (head[1] != QUVO_HEALTH_VERSION || head[2] != sizeof(quvo_health) ||
-             m_size < sizeof(quvo_health))) {
+            (head[1] != QUVO_HEALTH_VERSION || head[2] != sizeof(quvo_health))) {
             quvo_health header{};
             memcpy(&header, head, sizeof(head));
             return quvo_health_layout_ok(header, error);

@@ -155,7 +155,7 @@ extern "C" int quvo_recv(const char* config_path, int* running) {
             if (result == 1) {
                 if (++applied > cached) {
                     ring.Publish(lastInstNo);
-                    health_set(figures.ring.write_count, ring.GetWriteCount());
+                    udp->AccountAnnounced(ring.GetWriteCount(), false);
                 }
             } else if (result == -1) {
                 udp->ClearCache();
@@ -168,9 +168,10 @@ extern "C" int quvo_recv(const char* config_path, int* running) {
             result = udp->UdpRecv();
             if (result == 1) {
                 ring.Publish(lastInstNo);
-                health_announced(ring.GetWriteCount(), udp->GetSampleStart());
+                udp->AccountAnnounced(ring.GetWriteCount(), true);
             }
         }
+        udp->AccountPolls();
         dev.StopDecodeData();
         if (Running(running)) {
             const quvo_health_restart reason = udp->GetFatalReason();

@@ -22,8 +22,11 @@ inline uint64_t health_load(const uint64_t& field) {
 inline void health_set(uint64_t& field, uint64_t value) {
     __atomic_store_n(&field, value, __ATOMIC_RELAXED);
 }
-inline void health_add(uint64_t& field, uint64_t n = 1) {
-    health_set(field, health_load(field) + n);
+// Returns the new value.
+inline uint64_t health_add(uint64_t& field, uint64_t n = 1) {
+    const uint64_t value = health_load(field) + n;
+    health_set(field, value);
+    return value;
 }
 inline void health_raise(uint64_t& field, uint64_t value) {
     if (value > health_load(field)) {
@@ -46,15 +49,12 @@ void detach_health();
 // Enters `phase` now.
 void health_phase(quvo_health_phase phase);
 
-// The monotonic time now for one frame in QUVO_HEALTH_LATENCY_SAMPLE_EVERY,
-// counted down in `countdown`; 0 for the others. A clock read per record
-// would cost more than the rest of the accounting together.
-inline uint64_t health_sample(uint32_t& countdown) {
-    if (__builtin_expect(--countdown == 0, 0)) {
-        countdown = QUVO_HEALTH_LATENCY_SAMPLE_EVERY;
-        return health_monotonic_ns();
-    }
-    return 0;
+// The monotonic time now when `seen`, a running count of frames, picks this
+// frame for a latency sample (one in QUVO_HEALTH_LATENCY_SAMPLE_EVERY); 0
+// otherwise. A clock read per record would cost more than the rest of the
+// accounting together.
+inline uint64_t health_sample(uint64_t seen) {
+    return __builtin_expect(seen % QUVO_HEALTH_LATENCY_SAMPLE_EVERY == 0, 0) ? health_monotonic_ns() : 0;
 }
 
 // One live record's latency from frame read to announcement.
@@ -66,21 +66,13 @@ inline void health_latency(uint64_t ns) {
     health_add(latency.buckets[quvo_health_bucket(ns)]);
 }
 
-// After a live announcement: the ring's write counter, and the latency of a
-// sampled record (`sampleStart` as health_sample gave it).
-inline void health_announced(uint32_t writeCount, uint64_t sampleStart) {
-    health_set(health().ring.write_count, writeCount);
-    if (__builtin_expect(sampleStart != 0, 0)) {
-        health_latency(health_monotonic_ns() - sampleStart);
-    }
-}
-
 #ifdef QUVO_HEALTH_BARE
 // Benchmarks build a second copy of a component without the accounting (its
 // class renamed), so that the cost is measured side by side in one run.
-#define health_add(field, ...) ((void)(field))
-#define health_set(field, ...) ((void)(field))
-#define health_raise(field, ...) ((void)(field))
-#define health_sample(countdown) ((void)(countdown), uint64_t{0})
-#define health_announced(...) ((void)0)
+#define QUVO_HEALTH_UNUSED(field, ...) \
+    ((void)(field), (void)sizeof(0 __VA_OPT__(+(__VA_ARGS__))), uint64_t{0})
+#define health_add(...) QUVO_HEALTH_UNUSED(__VA_ARGS__)
+#define health_set(...) (void)QUVO_HEALTH_UNUSED(__VA_ARGS__)
+#define health_raise(...) (void)QUVO_HEALTH_UNUSED(__VA_ARGS__)
+#define health_sample(seen) ((void)(seen), uint64_t{0})
 #endif

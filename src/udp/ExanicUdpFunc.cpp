@@ -83,7 +83,7 @@ CExanicUdpFunc::CExanicUdpFunc(const ExanicMdConfigData& configData, share* shar
       shfelogflag(true),
       inelogflag(true),
       m_sampleStart(0),
-      m_sampleCountdown(QUVO_HEALTH_LATENCY_SAMPLE_EVERY),
+      m_pLastCached(nullptr),
       m_fatalReason(QUVO_RESTART_GAP) {}
 
 int CExanicUdpFunc::InitUdp(volatile uint32_t* registers, CardRx* rx) {
@@ -104,19 +104,18 @@ uint32_t CExanicUdpFunc::_ReceiveFrame(const char* caller) {
         return 0;
     }
     QUVO_LOG_AS(caller, LOG_DEBUG_EX, "receive decode length: %u", n);
-    health_add(health().records.received);
     return n;
 }
 
 int CExanicUdpFunc::UdpRecv() {
     const uint32_t n = _ReceiveFrame(__func__);
-    quvo_health_latency& latency = health().latency;
+    quvo_health& figures = health();
     if (n == 0) {
-        health_add(latency.polls_empty);
+        health_add(figures.latency.polls_empty);
+        AccountPolls();
         return 0;
     }
-    health_add(latency.polls_busy);
-    m_sampleStart = health_sample(m_sampleCountdown);
+    m_sampleStart = health_sample(health_add(figures.records.received));
     return _ParseMirp(m_recvBuf, n);
 }
 
@@ -125,6 +124,7 @@ void CExanicUdpFunc::CachePacket() {
     if (n == 0) {
         return;
     }
+    health_add(health().records.received);
     CacheBufInfo& cache = m_cachedDecode;
     if (cache.piOffset + static_cast<int32_t>(sizeof(CachedDecodeHdr) + kDecodedFrameMaxLen) > kCacheSize) {
         QUVO_LOG(LOG_WARNING, "too many packet to cache, clear %d", cache.cachedCount);
@@ -170,6 +170,7 @@ int CExanicUdpFunc::ProcessCached() {
     }
     cache.ciOffset = offset + 8;
     health_add(health().cache.replayed);
+    m_pLastCached = cache.pCacheBuf + offset + 8;
     const int result = _ParseMirp(cache.pCacheBuf + offset + 8, size);
     --cache.cachedCount;
     cache.ciOffset += static_cast<int32_t>(size);
@@ -183,6 +184,12 @@ void CExanicUdpFunc::ClearCache() {
     memset(m_cachedDecode.pCacheBuf, 0, kCacheSize);
     QUVO_LOG(LOG_INFO, "decode buffer cleared");
     health_add(health().cache.cleared);
+}
+
+void CExanicUdpFunc::AccountPolls() const {
+    const quvo_health& figures = health();
+    health_set(health().latency.polls_busy,
+               health_load(figures.records.received) - health_load(figures.cache.cached));
 }
 
 void CExanicUdpFunc::PrefetchCalcInfo() {
@@ -225,7 +232,6 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
         slot = quvo_shfe_slot(incre.instrumentNo);
         m_refInstNo = slot;
         m_pShareMem->shfe_pktno = header.packetNo;
-        health_set(figures.ring.shfe_packet_no, static_cast<uint32_t>(header.packetNo));
         exchangeType = 0;
     } else if (topic == cfg.ine2ps_topic_id || topic == cfg.ine4ps_topic_id) {
         if (incre.instrumentNo > QUVO_INE_MAX_INST_CNT - 1) {
@@ -240,7 +246,6 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
         slot = quvo_ine_slot(incre.instrumentNo);
         m_refInstNo = slot;
         m_pShareMem->ine_pktno = header.packetNo;
-        health_set(figures.ring.ine_packet_no, static_cast<uint32_t>(header.packetNo));
         exchangeType = 1;
     } else {
         QUVO_LOG(LOG_ERROR, "unsupported topicID: 0x%x", header.topicID);
@@ -248,8 +253,6 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
         m_fatalReason = QUVO_RESTART_TOPIC;
         return -1;
     }
-    health_set(figures.ring.exchange_time, header.snapTime);
-    health_set(figures.ring.exchange_millis, header.snapMillisec);
 
     instrument& inst = m_pShareMem->instmts[slot];
     // Book writes address the whole shared area, so a move past a slot's last

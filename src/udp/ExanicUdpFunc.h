@@ -3,9 +3,11 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 
 #include "interface/commonheader.h"
 #include "interface/quvohealth.h"
+#include "src/api/Health.h"
 #include "src/config/ConfigParse.h"
 #include "src/dev/Card.h"
 #include "src/dev/ExanicDevFunc.h"
@@ -51,9 +53,27 @@ public:
     // or undone; -1: the stream can no longer be trusted (restart).
     int _ParseMirp(char* buf, uint32_t len);
 
-    // When the frame UdpRecv last read was picked for a latency sample, the
-    // monotonic time it was read at; 0 otherwise.
-    uint64_t GetSampleStart() const { return m_sampleStart; }
+    // Accounts for the announcement of the record just applied, once the
+    // driver has published it (so these stores are not held up by its
+    // fence): the ring's write counter, the record's exchange time and
+    // packet number, and the latency of a sampled live record. `live`: the
+    // record came from UdpRecv, else from ProcessCached.
+    void AccountAnnounced(uint32_t writeCount, bool live) const {
+        quvo_health& figures = health();
+        health_set(figures.ring.write_count, writeCount);
+        DecodeHeader header;
+        memcpy(&header, live ? m_recvBuf : m_pLastCached, sizeof(header));
+        health_set(figures.ring.exchange_time, header.snapTime);
+        health_set(figures.ring.exchange_millis, header.snapMillisec);
+        health_set(quvo_slot_is_ine(m_refInstNo) ? figures.ring.ine_packet_no : figures.ring.shfe_packet_no,
+                   static_cast<uint32_t>(header.packetNo));
+        if (live && __builtin_expect(m_sampleStart != 0, 0)) {
+            health_latency(health_monotonic_ns() - m_sampleStart);
+        }
+    }
+    // Brings the live loop's busy-poll count up to date; UdpRecv does so
+    // whenever it finds nothing, to keep the count off the busy path.
+    void AccountPolls() const;
     // What made the last -1 fatal.
     quvo_health_restart GetFatalReason() const { return m_fatalReason; }
 
@@ -75,7 +95,7 @@ private:
     bool shfelogflag;
     bool inelogflag;
     uint64_t m_sampleStart;
-    uint32_t m_sampleCountdown;
+    const char* m_pLastCached;
     quvo_health_restart m_fatalReason;
 };
 
