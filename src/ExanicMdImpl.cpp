@@ -171,7 +171,7 @@ extern "C" int quvo_recv(const char* config_path, int* running) {
                 udp->AccountAnnounced(ring.GetWriteCount(), true);
             }
         }
-        udp->AccountPolls();
+        udp->AccountIdle();
         dev.StopDecodeData();
         if (Running(running)) {
             const quvo_health_restart reason = udp->GetFatalReason();

@@ -83,6 +83,7 @@ CExanicUdpFunc::CExanicUdpFunc(const ExanicMdConfigData& configData, share* shar
       shfelogflag(true),
       inelogflag(true),
       m_sampleStart(0),
+      m_writeCount(0),
       m_pLastCached(nullptr),
       m_fatalReason(QUVO_RESTART_GAP) {}
 
@@ -112,7 +113,7 @@ int CExanicUdpFunc::UdpRecv() {
     quvo_health& figures = health();
     if (n == 0) {
         health_add(figures.latency.polls_empty);
-        AccountPolls();
+        AccountIdle();
         return 0;
     }
     m_sampleStart = health_sample(health_add(figures.records.received));
@@ -186,10 +187,13 @@ void CExanicUdpFunc::ClearCache() {
     health_add(health().cache.cleared);
 }
 
-void CExanicUdpFunc::AccountPolls() const {
-    const quvo_health& figures = health();
-    health_set(health().latency.polls_busy,
+void CExanicUdpFunc::AccountIdle() const {
+    quvo_health& figures = health();
+    health_set(figures.latency.polls_busy,
                health_load(figures.records.received) - health_load(figures.cache.cached));
+    if (m_writeCount != 0) {
+        health_set(figures.ring.write_count, m_writeCount);
+    }
 }
 
 void CExanicUdpFunc::PrefetchCalcInfo() {

@@ -54,11 +54,17 @@ public:
     int _ParseMirp(char* buf, uint32_t len);
 
     // Accounts for the announcement of the record just applied, once the
-    // driver has published it (so these stores are not held up by its
-    // fence): the ring's write counter, the record's exchange time and
-    // packet number, and the latency of a sampled live record. `live`: the
+    // driver has published it. Only the figures that cannot wait are stored
+    // per record: for a record picked for a latency sample, and for the
+    // replay, the ring's write counter, the record's exchange time and
+    // packet number and the latency; otherwise the write counter is kept
+    // here and stored when the live loop idles (AccountIdle). `live`: the
     // record came from UdpRecv, else from ProcessCached.
-    void AccountAnnounced(uint32_t writeCount, bool live) const {
+    void AccountAnnounced(uint32_t writeCount, bool live) {
+        m_writeCount = writeCount;
+        if (live && __builtin_expect(m_sampleStart == 0, 1)) {
+            return;
+        }
         quvo_health& figures = health();
         health_set(figures.ring.write_count, writeCount);
         DecodeHeader header;
@@ -67,13 +73,14 @@ public:
         health_set(figures.ring.exchange_millis, header.snapMillisec);
         health_set(quvo_slot_is_ine(m_refInstNo) ? figures.ring.ine_packet_no : figures.ring.shfe_packet_no,
                    static_cast<uint32_t>(header.packetNo));
-        if (live && __builtin_expect(m_sampleStart != 0, 0)) {
+        if (live) {
             health_latency(health_monotonic_ns() - m_sampleStart);
         }
     }
-    // Brings the live loop's busy-poll count up to date; UdpRecv does so
-    // whenever it finds nothing, to keep the count off the busy path.
-    void AccountPolls() const;
+    // Brings the figures kept off the busy path up to date: the ring's
+    // write counter and the live loop's busy-poll count. UdpRecv calls it
+    // whenever it finds nothing; the driver when the live phase ends.
+    void AccountIdle() const;
     // What made the last -1 fatal.
     quvo_health_restart GetFatalReason() const { return m_fatalReason; }
 
@@ -95,6 +102,7 @@ private:
     bool shfelogflag;
     bool inelogflag;
     uint64_t m_sampleStart;
+    uint32_t m_writeCount;
     const char* m_pLastCached;
     quvo_health_restart m_fatalReason;
 };
