@@ -169,8 +169,11 @@ extern "C" int quvo_recv(const char* config_path, int* running) {
             if (result == 1) {
                 ring.Publish(lastInstNo);
                 udp->AccountAnnounced(ring.GetWriteCount(), true);
+            } else {
+                health_set(figures.ring.write_count, ring.GetWriteCount());
             }
         }
+        health_set(figures.ring.write_count, ring.GetWriteCount());
         udp->AccountIdle();
         dev.StopDecodeData();
         if (Running(running)) {

@@ -83,7 +83,6 @@ CExanicUdpFunc::CExanicUdpFunc(const ExanicMdConfigData& configData, share* shar
       shfelogflag(true),
       inelogflag(true),
       m_sampleStart(0),
-      m_writeCount(0),
       m_pLastCached(nullptr),
       m_fatalReason(QUVO_RESTART_GAP) {}
 
@@ -188,12 +187,9 @@ void CExanicUdpFunc::ClearCache() {
 }
 
 void CExanicUdpFunc::AccountIdle() const {
-    quvo_health& figures = health();
-    health_set(figures.latency.polls_busy,
+    const quvo_health& figures = health();
+    health_set(health().latency.polls_busy,
                health_load(figures.records.received) - health_load(figures.cache.cached));
-    if (m_writeCount != 0) {
-        health_set(figures.ring.write_count, m_writeCount);
-    }
 }
 
 void CExanicUdpFunc::PrefetchCalcInfo() {

@@ -57,11 +57,10 @@ public:
     // driver has published it. Only the figures that cannot wait are stored
     // per record: for a record picked for a latency sample, and for the
     // replay, the ring's write counter, the record's exchange time and
-    // packet number and the latency; otherwise the write counter is kept
-    // here and stored when the live loop idles (AccountIdle). `live`: the
-    // record came from UdpRecv, else from ProcessCached.
+    // packet number and the latency; the driver stores the write counter
+    // whenever a poll announces nothing. `live`: the record came from
+    // UdpRecv, else from ProcessCached.
     void AccountAnnounced(uint32_t writeCount, bool live) {
-        m_writeCount = writeCount;
         if (live && __builtin_expect(m_sampleStart == 0, 1)) {
             return;
         }
@@ -77,9 +76,9 @@ public:
             health_latency(health_monotonic_ns() - m_sampleStart);
         }
     }
-    // Brings the figures kept off the busy path up to date: the ring's
-    // write counter and the live loop's busy-poll count. UdpRecv calls it
-    // whenever it finds nothing; the driver when the live phase ends.
+    // Brings the live loop's busy-poll count up to date, off the busy path:
+    // UdpRecv calls it whenever it finds nothing, the driver when the live
+    // phase ends.
     void AccountIdle() const;
     // What made the last -1 fatal.
     quvo_health_restart GetFatalReason() const { return m_fatalReason; }
@@ -102,7 +101,6 @@ private:
     bool shfelogflag;
     bool inelogflag;
     uint64_t m_sampleStart;
-    uint32_t m_writeCount;
     const char* m_pLastCached;
     quvo_health_restart m_fatalReason;
 };
