@@ -464,5 +464,8 @@ int main(int argc, char** argv) {
     int signal = 0;
     while (sigwait(&stop, &signal) != 0) {
     }
+    // The server's threads may still be collecting: stop them before the
+    // collector goes.
+    exposer.reset();
     return 0;
 }
