@@ -170,11 +170,10 @@ extern "C" int quvo_recv(const char* config_path, int* running) {
                 ring.Publish(lastInstNo);
                 udp->AccountAnnounced(ring.GetWriteCount(), true);
             } else {
-                health_set(figures.ring.write_count, ring.GetWriteCount());
+                CExanicUdpFunc::AccountIdle(ring.GetWriteCount());
             }
         }
-        health_set(figures.ring.write_count, ring.GetWriteCount());
-        udp->AccountIdle();
+        CExanicUdpFunc::AccountIdle(ring.GetWriteCount());
         dev.StopDecodeData();
         if (Running(running)) {
             const quvo_health_restart reason = udp->GetFatalReason();

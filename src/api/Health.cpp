@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "interface/quvohealthreader.h"
 #include "src/api/shfe_recv.h"
 
 namespace {
@@ -21,22 +22,6 @@ uint64_t ClockNs(clockid_t clock) {
     struct timespec now;
     clock_gettime(clock, &now);
     return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
-}
-
-uint64_t OwnStartTicks() {
-    FILE* file = fopen("/proc/self/stat", "r");
-    if (file == nullptr) {
-        return 0;
-    }
-    char text[1024];
-    const size_t n = fread(text, 1, sizeof(text) - 1, file);
-    fclose(file);
-    text[n] = '\0';
-    const char* p = strrchr(text, ')');
-    for (int field = 2; field < 22 && p != nullptr; ++field) {
-        p = strchr(p + 1, ' ');
-    }
-    return p == nullptr ? 0 : strtoull(p + 1, nullptr, 10);
 }
 
 void* CreateSegment(std::string& error) {
@@ -104,7 +89,7 @@ void attach_health(const char* configPath) {
     h->size = sizeof(quvo_health);
     h->process.pid = static_cast<uint64_t>(getpid());
     h->process.start_ns = health_wall_ns();
-    h->process.start_ticks = OwnStartTicks();
+    h->process.start_ticks = quvo_process_start_ticks(static_cast<uint64_t>(getpid()));
     if (configPath != nullptr) {
         char resolved[PATH_MAX];
         const char* shown = realpath(configPath, resolved) != nullptr ? resolved : configPath;

@@ -503,6 +503,7 @@ void CExanicTcpFunc::_PacketHandler(char* frame, unsigned int len) {
                     return;
                 }
             } else if (!_CutMessages(s, data, payload, port)) {
+                health_add(figures.tcp.not_mdqp);
                 return;
             }
             _DrainHeld(s, port);

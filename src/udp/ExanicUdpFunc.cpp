@@ -112,7 +112,6 @@ int CExanicUdpFunc::UdpRecv() {
     quvo_health& figures = health();
     if (n == 0) {
         health_add(figures.latency.polls_empty);
-        AccountIdle();
         return 0;
     }
     m_sampleStart = health_sample(health_add(figures.records.received));
@@ -186,9 +185,10 @@ void CExanicUdpFunc::ClearCache() {
     health_add(health().cache.cleared);
 }
 
-void CExanicUdpFunc::AccountIdle() const {
-    const quvo_health& figures = health();
-    health_set(health().latency.polls_busy,
+void CExanicUdpFunc::AccountIdle(uint32_t writeCount) {
+    quvo_health& figures = health();
+    health_set(figures.ring.write_count, writeCount);
+    health_set(figures.latency.polls_busy,
                health_load(figures.records.received) - health_load(figures.cache.cached));
 }
 

@@ -57,9 +57,8 @@ public:
     // driver has published it. Only the figures that cannot wait are stored
     // per record: for a record picked for a latency sample, and for the
     // replay, the ring's write counter, the record's exchange time and
-    // packet number and the latency; the driver stores the write counter
-    // whenever a poll announces nothing. `live`: the record came from
-    // UdpRecv, else from ProcessCached.
+    // packet number and the latency; the rest waits for AccountIdle.
+    // `live`: the record came from UdpRecv, else from ProcessCached.
     void AccountAnnounced(uint32_t writeCount, bool live) {
         if (live && __builtin_expect(m_sampleStart == 0, 1)) {
             return;
@@ -76,10 +75,10 @@ public:
             health_latency(health_monotonic_ns() - m_sampleStart);
         }
     }
-    // Brings the live loop's busy-poll count up to date, off the busy path:
-    // UdpRecv calls it whenever it finds nothing, the driver when the live
-    // phase ends.
-    void AccountIdle() const;
+    // Brings up to date what the busy path leaves out: the ring's write
+    // counter and the live loop's busy-poll count. The driver calls it after
+    // every live poll that announces nothing, and when the live phase ends.
+    static void AccountIdle(uint32_t writeCount);
     // What made the last -1 fatal.
     quvo_health_restart GetFatalReason() const { return m_fatalReason; }
 

@@ -1,12 +1,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstring>
 #include <optional>
 #include <thread>
 
 #include "public/log/CommonLog.h"
 #include "sim/MdqpBuilder.h"
 #include "sim/PcapWriter.h"
+#include "src/api/Health.h"
 #include "tests/support/LogLines.h"
 #include "tests/support/ReplayCard.h"
 #include "tests/support/StdoutCapture.h"
@@ -37,6 +39,7 @@ protected:
         g_now = 1000;
         g_reads = 0;
         h.enabled.mask = ENABLE_SHFE2PS;
+        memset(static_cast<void*>(&health()), 0, sizeof(quvo_health));
     }
 
     // Replays `frames` on the raw-frame port of a software card feeding the loop.
@@ -139,6 +142,7 @@ TEST_F(DecoderLoopTest, StartingOverClearsTheAreaAndTheFinishedMask) {
     capture.Stop();
     EXPECT_EQ(h.area->instmts[9].last_px, 0.0);
     EXPECT_EQ(h.finished.mask, 0);
+    EXPECT_EQ(health().snapshot.cleared[QUVO_CLEAN_RUN_START], 1u);
 }
 
 TEST_F(DecoderLoopTest, FourteenByteFrameIsAbnormalAndFifteenIsHandedOver) {
@@ -155,6 +159,9 @@ TEST_F(DecoderLoopTest, FourteenByteFrameIsAbnormalAndFifteenIsHandedOver) {
               std::vector<std::string>{"receive abnormal decode length: 14"});
     EXPECT_EQ(log_messages(out, "[X]", "_PacketHandler"),
               std::vector<std::string>{"packet too short for IP, packetLen=15"});
+    EXPECT_EQ(health().tcp.polls_busy, 2u);
+    EXPECT_EQ(health().tcp.abnormal_length, 1u);
+    EXPECT_EQ(health().tcp.frames, 1u);
 }
 
 TEST_F(DecoderLoopTest, EachReceiveErrorIsLoggedAsAnAbnormalLength) {
@@ -176,6 +183,7 @@ TEST_F(DecoderLoopTest, EachReceiveErrorIsLoggedAsAnAbnormalLength) {
         (std::vector<std::string>{
             "receive abnormal decode length: 4294967295", "receive abnormal decode length: 4294967294",
             "receive abnormal decode length: 4294967293", "receive abnormal decode length: 4294967039"}));
+    EXPECT_EQ(health().tcp.abnormal_length, 4u);
 }
 
 TEST_F(DecoderLoopTest, LappedReaderLogsTheOverflowOnce) {
@@ -204,6 +212,8 @@ TEST_F(DecoderLoopTest, FramesQueuedAfterEveryFeedFinishedAreDropped) {
         h.tcp->TcpRecv(worker);
     }
     EXPECT_EQ(h.area->instmts[2].volume, 77u);
+    EXPECT_EQ(health().tcp.late, 1u);
+    EXPECT_EQ(health().tcp.frames, 0u);
 }
 
 TEST_F(DecoderLoopTest, FramesQueuedBeforeTheFeedsFinishAreHandled) {

@@ -17,6 +17,7 @@
 
 #include "public/log/CommonLog.h"
 #include "sim/MdqpBuilder.h"
+#include "src/api/Health.h"
 #include "tests/support/LogLines.h"
 #include "tests/support/StdoutCapture.h"
 #include "tests/support/TcpHarness.h"
@@ -148,7 +149,11 @@ bool InterInfosZero(const CTcpHarness& h) {
 
 class ReassemblyTest : public ::testing::Test {
 protected:
-    ReassemblyTest() { CCommonLog::GetInstance().SetLogLevel(kQuiet); }
+    // Each test counts from zero in the process's own health record.
+    ReassemblyTest() {
+        CCommonLog::GetInstance().SetLogLevel(kQuiet);
+        memset(static_cast<void*>(&health()), 0, sizeof(quvo_health));
+    }
 
     void SendFrame(Bytes frame) { h.Handle(std::move(frame)); }
     // Through one reused buffer, which saves the sweeps' hundreds of
@@ -448,6 +453,8 @@ TEST_F(ReassemblyTest, IpHeaderLengthBelow20OrPastTheFrameIsInvalid) {
     out = Logged([&] { SendFrame(frame); });
     EXPECT_EQ(Handler(out, "[X]"), std::vector<std::string>{"invalid IP header, ip_hdr_len=60 packetLen=73"});
     EXPECT_EQ(Session().frag_buf, nullptr);
+    EXPECT_EQ(health().tcp.bad_ip_header, 2u);
+    EXPECT_EQ(health().tcp.frames, 2u);
 }
 
 TEST_F(ReassemblyTest, OtherProtocolsAreLoggedButIcmpIgmpAndUdpAreSilent) {
@@ -463,6 +470,7 @@ TEST_F(ReassemblyTest, OtherProtocolsAreLoggedButIcmpIgmpAndUdpAreSilent) {
     EXPECT_EQ(Handler(out, "[X]"), std::vector<std::string>{"ip_p [47]"});
     EXPECT_EQ(Session().frag_buf, nullptr);
     EXPECT_FALSE(Subscribed(0));
+    EXPECT_EQ(health().tcp.not_tcp, 4u);  // the silent ones too
 }
 
 TEST_F(ReassemblyTest, FrameWithoutRoomForATcpHeaderIsTooShortForTcp) {
@@ -477,6 +485,8 @@ TEST_F(ReassemblyTest, FrameWithoutRoomForATcpHeaderIsTooShortForTcp) {
     out = Logged([&] { SendFrame(frame); });
     EXPECT_EQ(Handler(out, "[X]"), std::vector<std::string>{"payloadSize<=0, max_payload=0"});
     EXPECT_EQ(Session().frag_buf, nullptr);
+    EXPECT_EQ(health().tcp.short_tcp, 1u);
+    EXPECT_EQ(health().tcp.no_payload, 1u);
 }
 
 TEST_F(ReassemblyTest, FramesForOtherPortsAreDroppedSilently) {
@@ -485,6 +495,7 @@ TEST_F(ReassemblyTest, FramesForOtherPortsAreDroppedSilently) {
     EXPECT_EQ(Session(kNotSnapshotPort).frag_buf, nullptr);
     EXPECT_EQ(Session(kNotSnapshotPort).init, 0);
     EXPECT_FALSE(Subscribed(0));
+    EXPECT_EQ(health().tcp.other_port, 1u);
 }
 
 TEST_F(ReassemblyTest, TcpHeaderLengthBelow20OrPastTheFrameIsInvalid) {
@@ -499,6 +510,7 @@ TEST_F(ReassemblyTest, TcpHeaderLengthBelow20OrPastTheFrameIsInvalid) {
     out = Logged([&] { SendFrame(frame); });
     EXPECT_EQ(Handler(out, "[X]"), std::vector<std::string>{"invalid TCP header or truncated packet"});
     EXPECT_EQ(Session().frag_buf, nullptr);
+    EXPECT_EQ(health().tcp.bad_tcp_header, 2u);
 }
 
 TEST_F(ReassemblyTest, SegmentWithoutPayloadIsDroppedWithItsAvailableBytes) {
@@ -511,6 +523,7 @@ TEST_F(ReassemblyTest, SegmentWithoutPayloadIsDroppedWithItsAvailableBytes) {
     out = Logged([&] { SendFrame(EmptySegment(segment)); });
     EXPECT_EQ(Handler(out, "[X]"), std::vector<std::string>{"payloadSize<=0, max_payload=6"});
     EXPECT_EQ(Session().frag_buf, nullptr);
+    EXPECT_EQ(health().tcp.no_payload, 2u);
 }
 
 TEST_F(ReassemblyTest, WrongChecksumIsLoggedAtDebugAndDropped) {
@@ -772,6 +785,7 @@ TEST_F(ReassemblyTest, FragmentGrowingPast65535BytesIsIgnoredAndStartsOver) {
     const std::string out = Logged([&] { SendAt(seq, Slice(big, at, at + 1)); });
     EXPECT_EQ(Handler(out, "[W]"), std::vector<std::string>{"ignore tcp message!"});
     ExpectEverythingCleared();
+    EXPECT_EQ(health().snapshot.cleared[QUVO_CLEAN_FRAGMENT], 1u);
 }
 
 // ---- Held frames ----
@@ -862,6 +876,8 @@ TEST_F(ReassemblyTest, SegmentFromAnotherHostIsIgnored) {
     EXPECT_EQ(Session().next_expt_seq, next);
     EXPECT_EQ(Session().lost_flag, 0);
 
+    EXPECT_EQ(health().tcp.other_host, 3u);
+
     SendAt(next, InstMessage(2, 1));
     EXPECT_TRUE(Subscribed(1));
 }
@@ -878,6 +894,7 @@ TEST_F(ReassemblyTest, InOrderSegmentNotStartingWithAMessageIsDroppedAndHeldFram
     EXPECT_EQ(Session().next_expt_seq, b);
     EXPECT_EQ(HeldSeqs(Session()), std::vector<uint32_t>{b});
     EXPECT_FALSE(Subscribed(2));
+    EXPECT_EQ(health().tcp.not_mdqp, 1u);
 
     // The next in-order segment drains the list: the held copy is then stale.
     SendAt(b, InstMessage(12, 2));
@@ -947,6 +964,8 @@ TEST_F(ReassemblyTest, HoleThatNeverFillsBreaksAt500HeldFramesAndStartsOver) {
     }
     ASSERT_EQ(Session().lost_buf_size, 500u);
     ASSERT_TRUE(Subscribed(0));
+    EXPECT_EQ(health().tcp.held, 500u);
+    EXPECT_EQ(health().tcp.held_peak, 500u);
 
     const uint32_t got = hole + 16 * 501;
     const std::string out = Logged([&] { SendAt(got, PacketMessage(501)); });
@@ -954,6 +973,7 @@ TEST_F(ReassemblyTest, HoleThatNeverFillsBreaksAt500HeldFramesAndStartsOver) {
               std::vector<std::string>{"break tcp seq detected. expt: " + std::to_string(hole) +
                                        ", got: " + std::to_string(got)});
     ExpectEverythingCleared();
+    EXPECT_EQ(health().snapshot.cleared[QUVO_CLEAN_HELD], 1u);
 
     // The snapshot starts over from the next start segment.
     Start();
@@ -990,6 +1010,9 @@ TEST_F(ReassemblyTest, FailedPriceCheckOnceEveryFeedFinishedStartsOver) {
     const std::string out = Logged([&] { SendAt(next + static_cast<uint32_t>(book.size()), LastMessage()); });
     EXPECT_EQ(Handler(out, "[W]"), std::vector<std::string>{"price check is error"});
     ExpectEverythingCleared();
+    EXPECT_EQ(health().snapshot.price_check_failures, 1u);
+    EXPECT_EQ(health().snapshot.cleared[QUVO_CLEAN_PRICE_CHECK], 1u);
+    EXPECT_EQ(health().snapshot.feeds[SHFE_2PS].completed, 1u);
 }
 
 TEST_F(ReassemblyTest, IgnoredSegmentStillEndsWithThePriceCheck) {
