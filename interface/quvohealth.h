@@ -47,10 +47,10 @@ enum quvo_health_phase {
 
 /* Why the pipeline restarted from the configuration. */
 enum quvo_health_restart {
-    QUVO_RESTART_GAP = 0,     /* a change-number gap */
-    QUVO_RESTART_TOPIC = 1,   /* a record of an unsupported topic */
-    QUVO_RESTART_SHORT = 2,   /* a record shorter than its header */
-    QUVO_RESTART_CACHE = 3,   /* a corrupt cache entry */
+    QUVO_RESTART_GAP = 0,   /* a change-number gap */
+    QUVO_RESTART_TOPIC = 1, /* a record of an unsupported topic */
+    QUVO_RESTART_SHORT = 2, /* a record shorter than its header */
+    QUVO_RESTART_CACHE = 3, /* a corrupt cache entry */
     QUVO_RESTART_COUNT = 4
 };
 
@@ -126,41 +126,41 @@ struct quvo_health_tcp {
     uint64_t frames;          /* frames handled */
     uint64_t short_ip;
     uint64_t bad_ip_header;
-    uint64_t not_tcp;         /* other protocols, the silent ones included */
+    uint64_t not_tcp; /* other protocols, the silent ones included */
     uint64_t short_tcp;
     uint64_t other_port;
     uint64_t bad_tcp_header;
     uint64_t no_payload;
-    uint64_t checksum;        /* failed the checksum or its length checks */
+    uint64_t checksum; /* failed the checksum or its length checks */
     uint64_t rst_ack;
-    uint64_t not_start;       /* no session, and not a snapshot start */
-    uint64_t other_host;      /* addresses differ from the session's */
-    uint64_t in_order;        /* segments taken in sequence */
-    uint64_t held;            /* out-of-order segments held */
-    uint64_t held_peak;       /* the longest held list */
-    uint64_t duplicates;      /* out-of-order segments already held */
-    uint64_t old;             /* segments below the expected sequence number */
-    uint64_t not_mdqp;        /* in-sequence data that does not start a message */
+    uint64_t not_start;  /* no session, and not a snapshot start */
+    uint64_t other_host; /* addresses differ from the session's */
+    uint64_t in_order;   /* segments taken in sequence */
+    uint64_t held;       /* out-of-order segments held */
+    uint64_t held_peak;  /* the longest held list */
+    uint64_t duplicates; /* out-of-order segments already held */
+    uint64_t old;        /* segments below the expected sequence number */
+    uint64_t not_mdqp;   /* in-sequence data that does not start a message */
 };
 
 /* Decoded records; written by the main thread. */
 struct quvo_health_records {
-    uint64_t received;          /* frames of a usable length read from the card */
-    uint64_t abnormal_length;   /* frames of 1..23 bytes, over 2048, or receive errors */
-    uint64_t applied;           /* the book took the record (announced unless replayed early) */
-    uint64_t stale;             /* change number already in the book */
-    uint64_t restored;          /* undone by the book check */
+    uint64_t received;        /* frames of a usable length read from the card */
+    uint64_t abnormal_length; /* frames of 1..23 bytes, over 2048, or receive errors */
+    uint64_t applied;         /* the book took the record (announced unless replayed early) */
+    uint64_t stale;           /* change number already in the book */
+    uint64_t restored;        /* undone by the book check */
     uint64_t unsubscribed;
     uint64_t options;
-    uint64_t out_of_range;      /* instrument number beyond the exchange's range */
-    uint64_t short_record;      /* shorter than a record header */
+    uint64_t out_of_range; /* instrument number beyond the exchange's range */
+    uint64_t short_record; /* shorter than a record header */
     uint64_t unsupported_topic;
-    uint64_t gaps;              /* change-number gaps */
-    uint64_t unknown_fields;    /* an unknown field or a short tail ended the field loop */
-    uint64_t other_field_id;    /* a second header field other than 3 */
-    uint64_t bad_level;         /* price level outside 1..10 */
-    uint64_t bad_event;         /* unknown event type */
-    uint64_t bad_entry;         /* unknown entry type */
+    uint64_t gaps;           /* change-number gaps */
+    uint64_t unknown_fields; /* an unknown field or a short tail ended the field loop */
+    uint64_t other_field_id; /* a second header field other than 3 */
+    uint64_t bad_level;      /* price level outside 1..10 */
+    uint64_t bad_event;      /* unknown event type */
+    uint64_t bad_entry;      /* unknown entry type */
 };
 
 /* The decoded-record cache; written by the main thread. */
@@ -175,9 +175,9 @@ struct quvo_health_cache {
 
 /* The update ring and the last record; written by the main thread. */
 struct quvo_health_ring {
-    uint64_t write_count;      /* announcements made: the ring's write counter */
-    uint64_t exchange_time;    /* the last record's snapTime, as the record carries it */
-    uint64_t exchange_millis;  /* and its snapMillisec */
+    uint64_t write_count;     /* announcements made: the ring's write counter */
+    uint64_t exchange_time;   /* the last record's snapTime, as the record carries it */
+    uint64_t exchange_millis; /* and its snapMillisec */
     uint64_t shfe_packet_no;
     uint64_t ine_packet_no;
 };
@@ -254,7 +254,8 @@ QUVO_STATIC_ASSERT(sizeof(struct quvo_health_records) == 16 * 8, "records size")
 QUVO_STATIC_ASSERT(offsetof(quvo_health, cache) == 1056, "cache offset");
 QUVO_STATIC_ASSERT(offsetof(quvo_health, ring) == 1104, "ring offset");
 QUVO_STATIC_ASSERT(offsetof(quvo_health, latency) == 1144, "latency offset");
-QUVO_STATIC_ASSERT(sizeof(struct quvo_health_latency) == (5 + QUVO_HEALTH_LATENCY_BUCKETS) * 8, "latency size");
+QUVO_STATIC_ASSERT(sizeof(struct quvo_health_latency) == (5 + QUVO_HEALTH_LATENCY_BUCKETS) * 8,
+                   "latency size");
 QUVO_STATIC_ASSERT(sizeof(quvo_health) == 1800, "health size");
 
 #undef QUVO_STATIC_ASSERT

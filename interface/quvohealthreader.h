@@ -17,10 +17,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <string>
 
 #include "commonheader.h"
 #include "quvohealth.h"
+#include "quvoreader.h"
 
 inline const char* quvo_health_phase_name(uint64_t phase) {
     static const char* const kNames[QUVO_PHASE_COUNT] = {"starting", "configuring", "snapshot", "replay",
@@ -43,6 +45,87 @@ inline const char* quvo_health_feed_name(unsigned feed) {
     static const char* const kNames[QUVO_HEALTH_FEEDS] = {"shfe2ps", "ine2ps", "shfe4ps", "ine4ps"};
     return feed < QUVO_HEALTH_FEEDS ? kNames[feed] : "unknown";
 }
+
+// One counter of a group and its C name. The tables below list every
+// counter of a group in layout order; the JSON form, the terminal report and
+// the exporter all take their names from them.
+template <typename Group>
+struct quvo_health_field {
+    const char* name;
+    uint64_t Group::*member;
+};
+
+#define QUVO_HEALTH_FIELD(group, name) \
+    quvo_health_field<group> {         \
+#name, &group::name            \
+    }
+
+inline constexpr quvo_health_field<quvo_health_feed> kQuvoHealthFeedFields[] = {
+    QUVO_HEALTH_FIELD(quvo_health_feed, started_ns),     QUVO_HEALTH_FIELD(quvo_health_feed, completed_ns),
+    QUVO_HEALTH_FIELD(quvo_health_feed, instruments),    QUVO_HEALTH_FIELD(quvo_health_feed, messages),
+    QUVO_HEALTH_FIELD(quvo_health_feed, bytes),          QUVO_HEALTH_FIELD(quvo_health_feed, completed),
+    QUVO_HEALTH_FIELD(quvo_health_feed, messages_total), QUVO_HEALTH_FIELD(quvo_health_feed, bytes_total)};
+
+inline constexpr quvo_health_field<quvo_health_tcp> kQuvoHealthTcpFields[] = {
+    QUVO_HEALTH_FIELD(quvo_health_tcp, polls_empty),
+    QUVO_HEALTH_FIELD(quvo_health_tcp, polls_busy),
+    QUVO_HEALTH_FIELD(quvo_health_tcp, abnormal_length),
+    QUVO_HEALTH_FIELD(quvo_health_tcp, late),
+    QUVO_HEALTH_FIELD(quvo_health_tcp, frames),
+    QUVO_HEALTH_FIELD(quvo_health_tcp, short_ip),
+    QUVO_HEALTH_FIELD(quvo_health_tcp, bad_ip_header),
+    QUVO_HEALTH_FIELD(quvo_health_tcp, not_tcp),
+    QUVO_HEALTH_FIELD(quvo_health_tcp, short_tcp),
+    QUVO_HEALTH_FIELD(quvo_health_tcp, other_port),
+    QUVO_HEALTH_FIELD(quvo_health_tcp, bad_tcp_header),
+    QUVO_HEALTH_FIELD(quvo_health_tcp, no_payload),
+    QUVO_HEALTH_FIELD(quvo_health_tcp, checksum),
+    QUVO_HEALTH_FIELD(quvo_health_tcp, rst_ack),
+    QUVO_HEALTH_FIELD(quvo_health_tcp, not_start),
+    QUVO_HEALTH_FIELD(quvo_health_tcp, other_host),
+    QUVO_HEALTH_FIELD(quvo_health_tcp, in_order),
+    QUVO_HEALTH_FIELD(quvo_health_tcp, held),
+    QUVO_HEALTH_FIELD(quvo_health_tcp, held_peak),
+    QUVO_HEALTH_FIELD(quvo_health_tcp, duplicates),
+    QUVO_HEALTH_FIELD(quvo_health_tcp, old),
+    QUVO_HEALTH_FIELD(quvo_health_tcp, not_mdqp)};
+
+inline constexpr quvo_health_field<quvo_health_records> kQuvoHealthRecordFields[] = {
+    QUVO_HEALTH_FIELD(quvo_health_records, received),
+    QUVO_HEALTH_FIELD(quvo_health_records, abnormal_length),
+    QUVO_HEALTH_FIELD(quvo_health_records, applied),
+    QUVO_HEALTH_FIELD(quvo_health_records, stale),
+    QUVO_HEALTH_FIELD(quvo_health_records, restored),
+    QUVO_HEALTH_FIELD(quvo_health_records, unsubscribed),
+    QUVO_HEALTH_FIELD(quvo_health_records, options),
+    QUVO_HEALTH_FIELD(quvo_health_records, out_of_range),
+    QUVO_HEALTH_FIELD(quvo_health_records, short_record),
+    QUVO_HEALTH_FIELD(quvo_health_records, unsupported_topic),
+    QUVO_HEALTH_FIELD(quvo_health_records, gaps),
+    QUVO_HEALTH_FIELD(quvo_health_records, unknown_fields),
+    QUVO_HEALTH_FIELD(quvo_health_records, other_field_id),
+    QUVO_HEALTH_FIELD(quvo_health_records, bad_level),
+    QUVO_HEALTH_FIELD(quvo_health_records, bad_event),
+    QUVO_HEALTH_FIELD(quvo_health_records, bad_entry)};
+
+inline constexpr quvo_health_field<quvo_health_cache> kQuvoHealthCacheFields[] = {
+    QUVO_HEALTH_FIELD(quvo_health_cache, cached),    QUVO_HEALTH_FIELD(quvo_health_cache, peak),
+    QUVO_HEALTH_FIELD(quvo_health_cache, overflows), QUVO_HEALTH_FIELD(quvo_health_cache, replayed),
+    QUVO_HEALTH_FIELD(quvo_health_cache, corrupt),   QUVO_HEALTH_FIELD(quvo_health_cache, cleared)};
+
+inline constexpr quvo_health_field<quvo_health_ring> kQuvoHealthRingFields[] = {
+    QUVO_HEALTH_FIELD(quvo_health_ring, write_count), QUVO_HEALTH_FIELD(quvo_health_ring, exchange_time),
+    QUVO_HEALTH_FIELD(quvo_health_ring, exchange_millis), QUVO_HEALTH_FIELD(quvo_health_ring, shfe_packet_no),
+    QUVO_HEALTH_FIELD(quvo_health_ring, ine_packet_no)};
+
+#undef QUVO_HEALTH_FIELD
+
+// Each table names every word of its group.
+static_assert(std::size(kQuvoHealthFeedFields) * 8 == sizeof(quvo_health_feed), "feed fields");
+static_assert(std::size(kQuvoHealthTcpFields) * 8 == sizeof(quvo_health_tcp), "tcp fields");
+static_assert(std::size(kQuvoHealthRecordFields) * 8 == sizeof(quvo_health_records), "record fields");
+static_assert(std::size(kQuvoHealthCacheFields) * 8 == sizeof(quvo_health_cache), "cache fields");
+static_assert(std::size(kQuvoHealthRingFields) * 8 == sizeof(quvo_health_ring), "ring fields");
 
 // Copies `source` until two successive copies agree, at most `maxCopies`
 // copies; false when none agreed (`out` then holds the last). The four poll
@@ -167,20 +250,12 @@ public:
     // `error` says why, in words for an operator.
     bool Attach(std::string& error) {
         Detach();
-        std::string path = _KeyPath();
-        struct stat info {};
-        if (stat(path.c_str(), &info) != 0) {
-            error = errno == ENOENT ? "key file " + path + " does not exist: is " QUVO_KEY_DIR_ENV " right?"
-                                    : "cannot use key file " + path + ": " + strerror(errno);
-            return false;
-        }
-        const key_t key = ftok(path.c_str(), QUVO_HEALTH_PROJ_ID);
-        const int id = key == -1 ? -1 : shmget(key, 0, 0);
+        const int id =
+            quvo_find_segment(quvo_key_path(QUVO_HEALTH_KEY_FILE), QUVO_HEALTH_PROJ_ID, "health segment",
+                              "no quvo-md has made a health segment for key directory " + quvo_key_dir() +
+                                  ": start the feed, or set " QUVO_KEY_DIR_ENV,
+                              error);
         if (id == -1) {
-            error = errno == ENOENT
-                        ? "no health segment for key file " + path +
-                              ": no quvo-md has run with this key directory since the host started"
-                        : "cannot open the health segment for key file " + path + ": " + strerror(errno);
             return false;
         }
         struct shmid_ds segment {};
@@ -215,12 +290,18 @@ public:
     // Whether the key file still names the segment attached (a feed that
     // starts after a host's segments were removed makes a new one).
     bool IsCurrent() const {
-        const key_t key = ftok(_KeyPath().c_str(), QUVO_HEALTH_PROJ_ID);
+        const key_t key = ftok(quvo_key_path(QUVO_HEALTH_KEY_FILE).c_str(), QUVO_HEALTH_PROJ_ID);
         return IsAttached() && key != -1 && shmget(key, 0, 0) == m_id;
     }
 
     // A consistent copy whose layout this reader knows; false with `error`.
-    bool Read(quvo_health& out, std::string& error) const {
+    // `passing`, when given, tells a failure that may go away by itself (a
+    // feed still setting the segment up, or writing too fast for this copy)
+    // from one that will not.
+    bool Read(quvo_health& out, std::string& error, bool* passing = nullptr) const {
+        if (passing != nullptr) {
+            *passing = false;
+        }
         if (!IsAttached()) {
             error = "the health segment is not attached";
             return false;
@@ -239,21 +320,21 @@ public:
         }
         if (!quvo_health_copy(*static_cast<const quvo_health*>(m_pAddr), out)) {
             error = "the health segment kept changing while it was copied";
+            if (passing != nullptr) {
+                *passing = true;
+            }
             return false;
         }
-        return quvo_health_layout_ok(out, error);
+        if (!quvo_health_layout_ok(out, error)) {
+            if (passing != nullptr) {
+                *passing = out.magic == 0;
+            }
+            return false;
+        }
+        return true;
     }
 
 private:
-    static std::string _KeyPath() {
-        const char* dir = getenv(QUVO_KEY_DIR_ENV);
-        std::string path = (dir != nullptr && dir[0] != '\0') ? dir : QUVO_DEFAULT_KEY_DIR;
-        if (path.back() != '/') {
-            path += '/';
-        }
-        return path + QUVO_HEALTH_KEY_FILE;
-    }
-
     void* m_pAddr = nullptr;
     size_t m_size = 0;
     int m_id = -1;

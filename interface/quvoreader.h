@@ -40,14 +40,45 @@
 
 #include "commonheader.h"
 
-// "<dir>/<keyFile>" where <dir> is $QUVO_KEY_DIR when set and not empty, else /etc.
-inline std::string quvo_key_path(const char* keyFile) {
+// The key directory: $QUVO_KEY_DIR when set and not empty, else /etc.
+inline std::string quvo_key_dir() {
     const char* dir = getenv(QUVO_KEY_DIR_ENV);
-    std::string path = (dir != nullptr && dir[0] != '\0') ? dir : QUVO_DEFAULT_KEY_DIR;
+    return (dir != nullptr && dir[0] != '\0') ? dir : QUVO_DEFAULT_KEY_DIR;
+}
+
+// "<key directory>/<keyFile>".
+inline std::string quvo_key_path(const char* keyFile) {
+    std::string path = quvo_key_dir();
     if (path.back() != '/') {
         path += '/';
     }
     return path + keyFile;
+}
+
+// The id of the segment keyed by ftok(`path`, `projId`), never creating it;
+// -1 with `error` in an operator's words when there is none. `what` names
+// the segment in messages; `missing` is the whole message for a key file
+// that names no segment.
+inline int quvo_find_segment(const std::string& path, int projId, const char* what,
+                             const std::string& missing, std::string& error) {
+    struct stat info {};
+    if (stat(path.c_str(), &info) != 0) {
+        error = errno == ENOENT ? "key file " + path + " does not exist: is " QUVO_KEY_DIR_ENV " right?"
+                                : "cannot use key file " + path + ": " + strerror(errno);
+        return -1;
+    }
+    const key_t key = ftok(path.c_str(), projId);
+    if (key == -1) {
+        error = "cannot make a key from " + path + ": " + strerror(errno);
+        return -1;
+    }
+    const int id = shmget(key, 0, 0);
+    if (id == -1) {
+        error = errno == ENOENT ? missing
+                                : "cannot open the " + std::string(what) + " for key file " + path + ": " +
+                                      strerror(errno);
+    }
+    return id;
 }
 
 inline bool quvo_slot_in_use(const instrument& inst) {
@@ -161,22 +192,10 @@ private:
 
     static const void* _AttachSegment(const char* keyFile, size_t expectedSize, int& id, std::string& error) {
         const std::string path = quvo_key_path(keyFile);
-        struct stat info {};
-        if (stat(path.c_str(), &info) != 0) {
-            error = errno == ENOENT ? "key file " + path + " does not exist: is " QUVO_KEY_DIR_ENV " right?"
-                                    : "cannot use key file " + path + ": " + strerror(errno);
-            return nullptr;
-        }
-        const key_t key = ftok(path.c_str(), QUVO_SHM_PROJ_ID);
-        if (key == -1) {
-            error = "cannot make a key from " + path + ": " + strerror(errno);
-            return nullptr;
-        }
-        id = shmget(key, 0, 0);
+        id = quvo_find_segment(
+            path, QUVO_SHM_PROJ_ID, "segment",
+            "no market-data segment for key file " + path + ": is quvo-md running on this host?", error);
         if (id == -1) {
-            error = errno == ENOENT
-                        ? "no market-data segment for key file " + path + ": is quvo-md running on this host?"
-                        : "cannot open the segment for key file " + path + ": " + strerror(errno);
             return nullptr;
         }
         void* addr = shmat(id, nullptr, SHM_RDONLY);

@@ -5,9 +5,12 @@
 #include <sys/stat.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <iterator>
+#include <vector>
 
 #include "tools/DumpFormat.h"
 
@@ -28,61 +31,14 @@ std::string config_path(const quvo_health& health) {
                        strnlen(health.process.config_path, sizeof(health.process.config_path)));
 }
 
-ojson feed_json(const quvo_health_feed& feed) {
-    return ojson{{"started_ns", feed.started_ns},
-                 {"completed_ns", feed.completed_ns},
-                 {"instruments", feed.instruments},
-                 {"messages", feed.messages},
-                 {"bytes", feed.bytes},
-                 {"completed", feed.completed},
-                 {"messages_total", feed.messages_total},
-                 {"bytes_total", feed.bytes_total}};
-}
-
-ojson tcp_json(const quvo_health_tcp& tcp) {
-    return ojson{{"polls_empty", tcp.polls_empty},
-                 {"polls_busy", tcp.polls_busy},
-                 {"abnormal_length", tcp.abnormal_length},
-                 {"late", tcp.late},
-                 {"frames", tcp.frames},
-                 {"short_ip", tcp.short_ip},
-                 {"bad_ip_header", tcp.bad_ip_header},
-                 {"not_tcp", tcp.not_tcp},
-                 {"short_tcp", tcp.short_tcp},
-                 {"other_port", tcp.other_port},
-                 {"bad_tcp_header", tcp.bad_tcp_header},
-                 {"no_payload", tcp.no_payload},
-                 {"checksum", tcp.checksum},
-                 {"rst_ack", tcp.rst_ack},
-                 {"not_start", tcp.not_start},
-                 {"other_host", tcp.other_host},
-                 {"in_order", tcp.in_order},
-                 {"held", tcp.held},
-                 {"held_peak", tcp.held_peak},
-                 {"duplicates", tcp.duplicates},
-                 {"old", tcp.old},
-                 {"not_mdqp", tcp.not_mdqp}};
-}
-
-ojson records_json(const quvo_health& health) {
-    const quvo_health_records& r = health.records;
-    return ojson{{"received", r.received},
-                 {"abnormal_length", r.abnormal_length},
-                 {"applied", r.applied},
-                 {"stale", r.stale},
-                 {"restored", r.restored},
-                 {"unsubscribed", r.unsubscribed},
-                 {"options", r.options},
-                 {"out_of_range", r.out_of_range},
-                 {"short_record", r.short_record},
-                 {"unsupported_topic", r.unsupported_topic},
-                 {"gaps", r.gaps},
-                 {"unknown_fields", r.unknown_fields},
-                 {"other_field_id", r.other_field_id},
-                 {"bad_level", r.bad_level},
-                 {"bad_event", r.bad_event},
-                 {"bad_entry", r.bad_entry},
-                 {"announced", health.ring.write_count}};
+// A group's counters under their C names, in layout order.
+template <typename Group, size_t N>
+ojson fields_json(const Group& group, const quvo_health_field<Group> (&fields)[N]) {
+    ojson object = ojson::object();
+    for (const quvo_health_field<Group>& field : fields) {
+        object[field.name] = group.*field.member;
+    }
+    return object;
 }
 
 ojson latency_json(const quvo_health_latency& latency) {
@@ -159,8 +115,7 @@ struct named_count {
 };
 
 // "name value, name value"; with `nonZeroOnly`, the zero ones left out.
-template <size_t N>
-std::string list_counts(const named_count (&counts)[N], bool nonZeroOnly) {
+std::string list_counts(const std::vector<named_count>& counts, bool nonZeroOnly) {
     std::string text;
     for (const named_count& count : counts) {
         if (nonZeroOnly && count.value == 0) {
@@ -213,11 +168,10 @@ std::string snapshot_lines(const quvo_health& health) {
                               format_count(feed.instruments).c_str(), format_count(feed.messages).c_str(),
                               format_count(feed.bytes).c_str(), format_count(feed.completed).c_str());
     }
-    const named_count cleared[] = {{"run_start", snapshot.cleared[QUVO_CLEAN_RUN_START]},
-                                   {"rst_ack", snapshot.cleared[QUVO_CLEAN_RST_ACK]},
-                                   {"fragment", snapshot.cleared[QUVO_CLEAN_FRAGMENT]},
-                                   {"held", snapshot.cleared[QUVO_CLEAN_HELD]},
-                                   {"price_check", snapshot.cleared[QUVO_CLEAN_PRICE_CHECK]}};
+    std::vector<named_count> cleared;
+    for (unsigned cause = 0; cause < QUVO_CLEAN_COUNT; ++cause) {
+        cleared.push_back({quvo_health_clean_name(cause), snapshot.cleared[cause]});
+    }
     text += "  cleared   " + list_counts(cleared, false) + "\n";
     return text;
 }
@@ -228,22 +182,16 @@ std::string tcp_lines(const quvo_health& health, const health_rates* rates) {
                                        per_second(rates ? rates->snapshot_frames : std::nullopt) +
                                        ", in_order " + format_count(tcp.in_order) + ", held " +
                                        format_count(tcp.held) + ", held_peak " + format_count(tcp.held_peak));
-    const named_count dropped[] = {{"abnormal_length", tcp.abnormal_length},
-                                   {"late", tcp.late},
-                                   {"short_ip", tcp.short_ip},
-                                   {"bad_ip_header", tcp.bad_ip_header},
-                                   {"not_tcp", tcp.not_tcp},
-                                   {"short_tcp", tcp.short_tcp},
-                                   {"other_port", tcp.other_port},
-                                   {"bad_tcp_header", tcp.bad_tcp_header},
-                                   {"no_payload", tcp.no_payload},
-                                   {"checksum", tcp.checksum},
-                                   {"rst_ack", tcp.rst_ack},
-                                   {"not_start", tcp.not_start},
-                                   {"other_host", tcp.other_host},
-                                   {"duplicates", tcp.duplicates},
-                                   {"old", tcp.old},
-                                   {"not_mdqp", tcp.not_mdqp}};
+    // Every other counter of the group is a frame dropped at some step.
+    std::vector<named_count> dropped;
+    for (const quvo_health_field<quvo_health_tcp>& field : kQuvoHealthTcpFields) {
+        const uint64_t quvo_health_tcp::*shown[] = {
+            &quvo_health_tcp::polls_empty, &quvo_health_tcp::polls_busy, &quvo_health_tcp::frames,
+            &quvo_health_tcp::in_order,    &quvo_health_tcp::held,       &quvo_health_tcp::held_peak};
+        if (std::find(std::begin(shown), std::end(shown), field.member) == std::end(shown)) {
+            dropped.push_back({field.name, tcp.*field.member});
+        }
+    }
     const std::string drops = list_counts(dropped, true);
     text += line("", "dropped: " + (drops.empty() ? std::string("none") : drops));
     text +=
@@ -263,17 +211,17 @@ std::string records_lines(const quvo_health& health, const health_rates* rates) 
     text += line("", "stale " + format_count(r.stale) + rate(&health_rates::stale) + ", restored " +
                          format_count(r.restored) + rate(&health_rates::restored) + ", gaps " +
                          format_count(r.gaps) + ", abnormal_length " + format_count(r.abnormal_length));
-    const named_count skipped[] = {{"unsubscribed", r.unsubscribed},
-                                   {"options", r.options},
-                                   {"out_of_range", r.out_of_range},
-                                   {"short_record", r.short_record},
-                                   {"unsupported_topic", r.unsupported_topic}};
+    const std::vector<named_count> skipped = {{"unsubscribed", r.unsubscribed},
+                                              {"options", r.options},
+                                              {"out_of_range", r.out_of_range},
+                                              {"short_record", r.short_record},
+                                              {"unsupported_topic", r.unsupported_topic}};
     text += line("", "not applied: " + list_counts(skipped, false));
-    const named_count fields[] = {{"unknown_fields", r.unknown_fields},
-                                  {"other_field_id", r.other_field_id},
-                                  {"bad_level", r.bad_level},
-                                  {"bad_event", r.bad_event},
-                                  {"bad_entry", r.bad_entry}};
+    const std::vector<named_count> fields = {{"unknown_fields", r.unknown_fields},
+                                             {"other_field_id", r.other_field_id},
+                                             {"bad_level", r.bad_level},
+                                             {"bad_event", r.bad_event},
+                                             {"bad_entry", r.bad_entry}};
     text += line("", "field errors: " + list_counts(fields, false));
     return text;
 }
@@ -304,28 +252,6 @@ std::string latency_lines(const quvo_health& health) {
 }
 
 }  // namespace
-
-std::string health_key_dir() {
-    const char* dir = getenv(QUVO_KEY_DIR_ENV);
-    return dir != nullptr && dir[0] != '\0' ? dir : QUVO_DEFAULT_KEY_DIR;
-}
-
-bool attach_health_reader(CQuvoHealthReader& reader, std::string& error) {
-    const std::string dir = health_key_dir();
-    const std::string path = dir + (dir.back() == '/' ? "" : "/") + QUVO_HEALTH_KEY_FILE;
-    struct stat info {};
-    if (stat(path.c_str(), &info) != 0 && errno == ENOENT) {
-        error = "key file " + path + " does not exist: set QUVO_KEY_DIR to the key directory quvo-md uses";
-        return false;
-    }
-    const key_t key = ftok(path.c_str(), QUVO_HEALTH_PROJ_ID);
-    if (key != -1 && shmget(key, 0, 0) == -1 && errno == ENOENT) {
-        error = "no quvo-md has made a health segment for key directory " + dir +
-                ": start the feed, or set QUVO_KEY_DIR";
-        return false;
-    }
-    return reader.Attach(error);
-}
 
 uint64_t health_wall_now_ns() {
     struct timespec now;
@@ -359,14 +285,21 @@ nlohmann::ordered_json health_to_json(const quvo_health& health, bool writerAliv
                               : ojson(quvo_health_restart_name(static_cast<unsigned>(restarts.last_reason)));
     ojson feeds = ojson::object();
     for (unsigned feed = 0; feed < QUVO_HEALTH_FEEDS; ++feed) {
-        feeds[quvo_health_feed_name(feed)] = feed_json(health.snapshot.feeds[feed]);
+        feeds[quvo_health_feed_name(feed)] = fields_json(health.snapshot.feeds[feed], kQuvoHealthFeedFields);
     }
     ojson cleared = ojson::object();
     for (unsigned cause = 0; cause < QUVO_CLEAN_COUNT; ++cause) {
         cleared[quvo_health_clean_name(cause)] = health.snapshot.cleared[cause];
     }
-    const quvo_health_cache& cache = health.cache;
-    const quvo_health_ring& ring = health.ring;
+    ojson restartsJson = ojson::object();
+    for (unsigned reason = 0; reason < QUVO_RESTART_COUNT; ++reason) {
+        restartsJson[quvo_health_restart_name(reason)] = restarts.by_reason[reason];
+    }
+    restartsJson["total"] = restarts_total(health);
+    restartsJson["last_ns"] = restarts.last_ns;
+    restartsJson["last_reason"] = lastReason;
+    ojson records = fields_json(health.records, kQuvoHealthRecordFields);
+    records["announced"] = health.ring.write_count;
     return ojson{{"layout_version", health.version},
                  {"state", health_state(health, writerAlive)},
                  {"pid", process.pid},
@@ -375,14 +308,7 @@ nlohmann::ordered_json health_to_json(const quvo_health& health, bool writerAliv
                  {"phase", quvo_health_phase_name(process.phase)},
                  {"run", process.run},
                  {"phase_started_ns", std::move(phases)},
-                 {"restarts",
-                  {{"gap", restarts.by_reason[QUVO_RESTART_GAP]},
-                   {"topic", restarts.by_reason[QUVO_RESTART_TOPIC]},
-                   {"short", restarts.by_reason[QUVO_RESTART_SHORT]},
-                   {"cache", restarts.by_reason[QUVO_RESTART_CACHE]},
-                   {"total", restarts_total(health)},
-                   {"last_ns", restarts.last_ns},
-                   {"last_reason", lastReason}}},
+                 {"restarts", std::move(restartsJson)},
                  {"snapshot",
                   {{"feeds", std::move(feeds)},
                    {"cleared", std::move(cleared)},
@@ -390,21 +316,10 @@ nlohmann::ordered_json health_to_json(const quvo_health& health, bool writerAliv
                    {"completed", health.snapshot.completed},
                    {"last_duration_ns", health.snapshot.last_duration_ns},
                    {"total_duration_ns", health.snapshot.total_duration_ns}}},
-                 {"tcp", tcp_json(health.tcp)},
-                 {"records", records_json(health)},
-                 {"cache",
-                  {{"cached", cache.cached},
-                   {"peak", cache.peak},
-                   {"overflows", cache.overflows},
-                   {"replayed", cache.replayed},
-                   {"corrupt", cache.corrupt},
-                   {"cleared", cache.cleared}}},
-                 {"ring",
-                  {{"write_count", ring.write_count},
-                   {"exchange_time", ring.exchange_time},
-                   {"exchange_millis", ring.exchange_millis},
-                   {"shfe_packet_no", ring.shfe_packet_no},
-                   {"ine_packet_no", ring.ine_packet_no}}},
+                 {"tcp", fields_json(health.tcp, kQuvoHealthTcpFields)},
+                 {"records", std::move(records)},
+                 {"cache", fields_json(health.cache, kQuvoHealthCacheFields)},
+                 {"ring", fields_json(health.ring, kQuvoHealthRingFields)},
                  {"latency", latency_json(health.latency)}};
 }
 
@@ -550,9 +465,9 @@ std::string health_report(const quvo_health& health, bool writerAlive, uint64_t 
     text += records_lines(health, rates);
 
     const quvo_health_cache& cache = health.cache;
-    const named_count cacheCounts[] = {{"cached", cache.cached},     {"peak", cache.peak},
-                                       {"replayed", cache.replayed}, {"overflows", cache.overflows},
-                                       {"corrupt", cache.corrupt},   {"cleared", cache.cleared}};
+    const std::vector<named_count> cacheCounts = {
+        {"cached", cache.cached},       {"peak", cache.peak},       {"replayed", cache.replayed},
+        {"overflows", cache.overflows}, {"corrupt", cache.corrupt}, {"cleared", cache.cleared}};
     text += line("cache", list_counts(cacheCounts, false));
     const quvo_health_ring& ring = health.ring;
     text += line("ring", "writes " + format_count(ring.write_count) + ", last exchange time " +

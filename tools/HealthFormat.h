@@ -1,5 +1,5 @@
-// The feed's health figures (interface/quvohealth.h) for an operator:
-// attaching them, the JSON form quvo-stat, quvo-dump --health and the Python reader share, rates
+// The feed's health figures (interface/quvohealth.h) for an operator: the
+// JSON form quvo-stat, quvo-dump --health and the Python reader share, rates
 // between two copies, the terminal report and quvo-view's one-line summary.
 #pragma once
 
@@ -11,11 +11,6 @@
 #include "interface/quvohealth.h"
 #include "interface/quvohealthreader.h"
 
-// The key directory: $QUVO_KEY_DIR, or /etc when it is unset or empty.
-std::string health_key_dir();
-// Attaches `reader`; on failure `error` says why, naming the two usual
-// reasons plainly: no key file, and no feed ever made the segment.
-bool attach_health_reader(CQuvoHealthReader& reader, std::string& error);
 // CLOCK_REALTIME in ns, as the feed stamps its figures.
 uint64_t health_wall_now_ns();
 

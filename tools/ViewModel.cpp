@@ -588,7 +588,7 @@ void CViewHealth::Poll(int64_t nowMs) {
     m_nextRead = nowMs + kReadMs;
     std::string error;
     quvo_health copy;
-    if ((!m_reader.IsCurrent() && !attach_health_reader(m_reader, error)) || !m_reader.Read(copy, error)) {
+    if ((!m_reader.IsCurrent() && !m_reader.Attach(error)) || !m_reader.Read(copy, error)) {
         m_hasLast = false;
         m_hasBefore = false;
         return;

@@ -417,7 +417,7 @@ int print_health(const DumpOptions& options) {
     CQuvoHealthReader reader;
     std::string error;
     quvo_health copy;
-    if (!attach_health_reader(reader, error) || !reader.Read(copy, error)) {
+    if (!reader.Attach(error) || !reader.Read(copy, error)) {
         fprintf(stderr, "quvo-dump: %s\n", error.c_str());
         return 2;
     }

@@ -7,12 +7,14 @@
 #include <prometheus/metric_family.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <exception>
+#include <initializer_list>
 #include <iterator>
 #include <memory>
 #include <mutex>
@@ -100,6 +102,23 @@ void labelled_counter(CExposition& out, const std::string& name, const std::stri
     }
 }
 
+// A group's counters as (C name, value) pairs, in layout order, leaving out
+// those `skip` holds; `keep` turns the selection round.
+template <typename Group, size_t N>
+std::vector<std::pair<const char*, uint64_t>> counts_of(const Group& group,
+                                                        const quvo_health_field<Group> (&fields)[N],
+                                                        std::initializer_list<uint64_t Group::*> skip,
+                                                        bool keep = false) {
+    std::vector<std::pair<const char*, uint64_t>> counts;
+    for (const quvo_health_field<Group>& field : fields) {
+        const bool listed = std::find(skip.begin(), skip.end(), field.member) != skip.end();
+        if (listed == keep) {
+            counts.emplace_back(field.name, group.*field.member);
+        }
+    }
+    return counts;
+}
+
 void add_process(CExposition& out, const quvo_health& h) {
     const quvo_health_process& p = h.process;
     MetricFamily& phase =
@@ -140,37 +159,26 @@ void add_restarts(CExposition& out, const quvo_health& h) {
 }
 
 void add_records(CExposition& out, const quvo_health& h) {
-    const quvo_health_records& r = h.records;
+    // Faults inside records that were still applied get a family of their own.
+    const std::initializer_list<uint64_t quvo_health_records::*> fieldFaults = {
+        &quvo_health_records::unknown_fields, &quvo_health_records::bad_level,
+        &quvo_health_records::bad_event, &quvo_health_records::bad_entry};
+    std::vector<std::pair<const char*, uint64_t>> results =
+        counts_of(h.records, kQuvoHealthRecordFields, fieldFaults);
+    results.emplace_back("announced", h.ring.write_count);
     labelled_counter(
         out, "quvo_records_total",
         "Decoded incremental records. received: frames of a usable length read from the card; the "
         "other results are what became of them (applied: taken by a book; announced: update-ring "
         "announcements; stale: change number already in the book; restored: undone by the book "
-        "check; gap: change-number gaps) or faults, so they do not add up to received. "
+        "check; gaps: change-number gaps) or faults, so they do not add up to received. "
         "abnormal_length frames are not among the received.",
-        "result",
-        {{"received", r.received},
-         {"applied", r.applied},
-         {"announced", h.ring.write_count},
-         {"stale", r.stale},
-         {"restored", r.restored},
-         {"unsubscribed", r.unsubscribed},
-         {"options", r.options},
-         {"out_of_range", r.out_of_range},
-         {"short_record", r.short_record},
-         {"unsupported_topic", r.unsupported_topic},
-         {"gap", r.gaps},
-         {"abnormal_length", r.abnormal_length},
-         {"other_field_id", r.other_field_id}});
+        "result", results);
     labelled_counter(
         out, "quvo_record_fields_total",
         "Faults inside records the feed still applied: an unknown field or a short tail that ended "
         "the field loop, a price level outside 1..10, an unknown event type, an unknown entry type.",
-        "problem",
-        {{"unknown_field", r.unknown_fields},
-         {"bad_level", r.bad_level},
-         {"bad_event", r.bad_event},
-         {"bad_entry", r.bad_entry}});
+        "problem", counts_of(h.records, kQuvoHealthRecordFields, fieldFaults, true));
 }
 
 void add_snapshot(CExposition& out, const quvo_health& h) {
@@ -228,6 +236,14 @@ void add_snapshot(CExposition& out, const quvo_health& h) {
 
 void add_tcp(CExposition& out, const quvo_health& h) {
     const quvo_health_tcp& t = h.tcp;
+    std::vector<std::pair<const char*, uint64_t>> results =
+        counts_of(t, kQuvoHealthTcpFields,
+                  {&quvo_health_tcp::polls_empty, &quvo_health_tcp::polls_busy, &quvo_health_tcp::held_peak});
+    for (auto& [name, count] : results) {
+        if (strcmp(name, "frames") == 0) {
+            name = "handled";  // reads better as a result than the field's name
+        }
+    }
     labelled_counter(
         out, "quvo_tcp_frames_total",
         "Raw snapshot frames by step. handled: frames that reached the packet handler. Each of those "
@@ -237,26 +253,7 @@ void add_tcp(CExposition& out, const quvo_health& h) {
         "session counts only as handled. abnormal_length (receive errors, bad sizes) and late "
         "(every feed had finished) frames never reach the handler. not_mdqp: in-sequence data that "
         "does not start a message.",
-        "result",
-        {{"handled", t.frames},
-         {"abnormal_length", t.abnormal_length},
-         {"late", t.late},
-         {"short_ip", t.short_ip},
-         {"bad_ip_header", t.bad_ip_header},
-         {"not_tcp", t.not_tcp},
-         {"short_tcp", t.short_tcp},
-         {"other_port", t.other_port},
-         {"bad_tcp_header", t.bad_tcp_header},
-         {"no_payload", t.no_payload},
-         {"checksum", t.checksum},
-         {"rst_ack", t.rst_ack},
-         {"not_start", t.not_start},
-         {"other_host", t.other_host},
-         {"in_order", t.in_order},
-         {"held", t.held},
-         {"duplicates", t.duplicates},
-         {"old", t.old},
-         {"not_mdqp", t.not_mdqp}});
+        "result", results);
     out.Gauge("quvo_tcp_held_peak",
               "The longest list of out-of-order snapshot segments held at once (500 clears "
               "the snapshot).",

@@ -154,14 +154,6 @@ bool parse_options(int argc, char** argv, StatOptions& options, std::string& err
     return true;
 }
 
-// A copy that cannot be taken now but may be later: the feed is setting the
-// segment up, or writing too fast to copy this once. Anything else is a
-// segment this reader cannot use.
-bool passing_error(const std::string& error) {
-    return error.find("not set up yet") != std::string::npos ||
-           error.find("kept changing") != std::string::npos;
-}
-
 class CStat {
 public:
     explicit CStat(const StatOptions& options)
@@ -170,7 +162,7 @@ public:
     int Run() {
         std::string error;
         m_reader = std::make_unique<CQuvoHealthReader>();
-        if (!attach_health_reader(*m_reader, error)) {
+        if (!m_reader->Attach(error)) {
             fprintf(stderr, "quvo-stat: %s\n", error.c_str());
             return 2;
         }
@@ -180,8 +172,9 @@ public:
         while (!g_stop) {
             _Follow();
             quvo_health copy;
-            if (!m_reader->Read(copy, error)) {
-                if (!passing_error(error)) {
+            bool passing = false;
+            if (!m_reader->Read(copy, error, &passing)) {
+                if (!passing) {
                     fprintf(stderr, "quvo-stat: %s\n", error.c_str());
                     return 2;
                 }
@@ -224,7 +217,7 @@ private:
         }
         auto fresh = std::make_unique<CQuvoHealthReader>();
         std::string error;
-        if (attach_health_reader(*fresh, error)) {
+        if (fresh->Attach(error)) {
             m_reader = std::move(fresh);
         }
     }
@@ -259,7 +252,7 @@ private:
     std::string _Footer(uint64_t nowNs) const {
         char interval[32];
         snprintf(interval, sizeof(interval), "%g", m_options.interval);
-        return "\nread " + format_wall_time(nowNs) + " from key directory " + health_key_dir() + ", every " +
+        return "\nread " + format_wall_time(nowNs) + " from key directory " + quvo_key_dir() + ", every " +
                interval + " s" + (m_terminal ? "; Ctrl+C to stop" : "") + "\n";
     }
 

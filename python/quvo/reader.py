@@ -370,23 +370,9 @@ class Reader:
 
     def _attach_segment(self, key_file, expected_size):
         path = key_path(key_file, self._key_dir)
-        try:
-            os.stat(path)
-        except FileNotFoundError:
-            raise AttachError(f"key file {path} does not exist: is {L.KEY_DIR_ENV} right?") from None
-        except OSError as error:
-            raise AttachError(f"cannot use key file {path}: {error.strerror}") from None
-        key = _shm.ftok(path, L.SHM_PROJ_ID)
-        if key == -1:
-            raise AttachError(f"cannot make a key from {path}: {os.strerror(_shm.errno())}")
-        shmid = _shm.shmget(key, 0, 0)
-        if shmid == -1:
-            code = _shm.errno()
-            if code == errno_codes.ENOENT:
-                raise AttachError(
-                    f"no market-data segment for key file {path}: is quvo-md running on this host?"
-                )
-            raise AttachError(f"cannot open the segment for key file {path}: {os.strerror(code)}")
+        shmid = _find_segment(
+            path, L.SHM_PROJ_ID, "segment", f"no market-data segment for key file {path}: is quvo-md running on this host?"
+        )
         address = _shm.shmat_readonly(shmid)
         if address is None:
             raise AttachError(
@@ -418,24 +404,13 @@ def read_health(key_dir: Optional[str] = None, max_copies: int = 16) -> dict:
     layout this package does not know: figures are never guessed at.
     """
     path = key_path(_health.HEALTH_KEY_FILE, key_dir)
-    try:
-        os.stat(path)
-    except FileNotFoundError:
-        raise AttachError(f"key file {path} does not exist: is {L.KEY_DIR_ENV} right?") from None
-    except OSError as error:
-        raise AttachError(f"cannot use key file {path}: {error.strerror}") from None
-    key = _shm.ftok(path, _health.HEALTH_PROJ_ID)
-    if key == -1:
-        raise AttachError(f"cannot make a key from {path}: {os.strerror(_shm.errno())}")
-    shmid = _shm.shmget(key, 0, 0)
-    if shmid == -1:
-        code = _shm.errno()
-        if code == errno_codes.ENOENT:
-            raise AttachError(
-                f"no health segment for key file {path}: no quvo-md has made one with this key directory "
-                "since the host started"
-            )
-        raise AttachError(f"cannot open the health segment for key file {path}: {os.strerror(code)}")
+    shmid = _find_segment(
+        path,
+        _health.HEALTH_PROJ_ID,
+        "health segment",
+        f"no quvo-md has made a health segment for key directory {os.path.dirname(path)}: "
+        f"start the feed, or set {L.KEY_DIR_ENV}",
+    )
     info = _shm.stat(shmid)
     if info is None:
         raise AttachError(f"cannot read the health segment's size: {os.strerror(_shm.errno())}")
@@ -465,6 +440,28 @@ def read_health(key_dir: Optional[str] = None, max_copies: int = 16) -> dict:
     if error is not None:
         raise AttachError(error)
     return _health.figures(_health.decode(record))
+
+
+def _find_segment(path: str, proj_id: int, what: str, missing: str) -> int:
+    """The id of the segment keyed by ftok(path, proj_id), never creating it;
+    AttachError in an operator's words when there is none (`missing` is the
+    whole message for a key file that names no segment)."""
+    try:
+        os.stat(path)
+    except FileNotFoundError:
+        raise AttachError(f"key file {path} does not exist: is {L.KEY_DIR_ENV} right?") from None
+    except OSError as error:
+        raise AttachError(f"cannot use key file {path}: {error.strerror}") from None
+    key = _shm.ftok(path, proj_id)
+    if key == -1:
+        raise AttachError(f"cannot make a key from {path}: {os.strerror(_shm.errno())}")
+    shmid = _shm.shmget(key, 0, 0)
+    if shmid == -1:
+        code = _shm.errno()
+        if code == errno_codes.ENOENT:
+            raise AttachError(missing)
+        raise AttachError(f"cannot open the {what} for key file {path}: {os.strerror(code)}")
+    return shmid
 
 
 def _same(value):

@@ -356,8 +356,8 @@ class FakeSegmentTest(unittest.TestCase):
         with self.assertRaises(quvo.AttachError) as caught:
             quvo.read_health(self.sandbox.path)
         message = str(caught.exception)
-        self.assertIn(f"no health segment for key file {self.sandbox.path}/key_e", message)
-        self.assertIn("no quvo-md has made one with this key directory", message)
+        self.assertIn(f"no quvo-md has made a health segment for key directory {self.sandbox.path}:", message)
+        self.assertIn("start the feed, or set QUVO_KEY_DIR", message)
         books = WritableSegments(self.sandbox)
         self.addCleanup(books.close)
         with quvo.Reader(self.sandbox.path) as reader:

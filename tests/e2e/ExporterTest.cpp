@@ -187,13 +187,13 @@ std::vector<std::pair<std::string, double>> expected_samples(const quvo_health& 
                                                                    {"out_of_range", r.out_of_range},
                                                                    {"short_record", r.short_record},
                                                                    {"unsupported_topic", r.unsupported_topic},
-                                                                   {"gap", r.gaps},
+                                                                   {"gaps", r.gaps},
                                                                    {"abnormal_length", r.abnormal_length},
                                                                    {"other_field_id", r.other_field_id}};
     for (const auto& [result, value] : records) {
         count("quvo_records_total{result=\"" + std::string(result) + "\"}", value);
     }
-    count("quvo_record_fields_total{problem=\"unknown_field\"}", r.unknown_fields);
+    count("quvo_record_fields_total{problem=\"unknown_fields\"}", r.unknown_fields);
     count("quvo_record_fields_total{problem=\"bad_level\"}", r.bad_level);
     count("quvo_record_fields_total{problem=\"bad_event\"}", r.bad_event);
     count("quvo_record_fields_total{problem=\"bad_entry\"}", r.bad_entry);
@@ -391,7 +391,9 @@ TEST_F(ExporterE2E, WithoutAHealthSegmentAnswersUpZero) {
     }
     exporter.Stop();
     // The reason once, not once per scrape.
-    EXPECT_EQ(count_of(exporter.Output(), "no health segment for key file " + m_shm.AreaKeyPath()), 1u)
+    EXPECT_EQ(
+        count_of(exporter.Output(), "no quvo-md has made a health segment for key directory " + m_shm.Dir()),
+        1u)
         << exporter.Output();
 }
 
@@ -678,7 +680,7 @@ TEST_F(ExporterE2E, FiguresOfAFeedOnTheSimulator) {
     // The injected faults show where they belong.
     EXPECT_GT(stopped["quvo_records_total{result=\"stale\"}"], 0);
     EXPECT_GT(stopped["quvo_records_total{result=\"restored\"}"], 0);
-    EXPECT_GT(stopped["quvo_record_fields_total{problem=\"unknown_field\"}"], 0);
+    EXPECT_GT(stopped["quvo_record_fields_total{problem=\"unknown_fields\"}"], 0);
     EXPECT_GT(stopped["quvo_tcp_frames_total{result=\"checksum\"}"], 0);
     EXPECT_GE(stopped["quvo_feed_snapshots_total{feed=\"shfe2ps\"}"], stopped["quvo_snapshots_total"]);
 
