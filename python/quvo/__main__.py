@@ -114,16 +114,23 @@ def _health_text(figures):
 
 
 def _print_health(as_json):
-    try:
-        figures = read_health()
-    except AttachError as error:
-        print(f"quvo: {error}", file=sys.stderr)
-        return 2
-    except QuvoError as error:
-        print(f"quvo: {error}", file=sys.stderr)
-        return 1
+    figures = read_health()
     print(json.dumps(figures, separators=(",", ":")) if as_json else _health_text(figures))
     return 0
+
+
+def _print_books(ids, as_json):
+    with Reader() as reader:
+        status = 0
+        for target in ids or reader.slots():
+            try:
+                inst = reader.book(target)
+            except KeyError:
+                print(f"quvo: {target} is not in use", file=sys.stderr)
+                status = 1
+                continue
+            print(_json(inst) if as_json else _table(inst))
+        return status
 
 
 def main(argv=None):
@@ -134,30 +141,16 @@ def main(argv=None):
         "--health", action="store_true", help="the feed's health figures instead of books (one line with --json)"
     )
     args = parser.parse_args(argv)
-    if args.health:
-        if args.ids:
-            parser.error("--health takes no instrument identifiers")
-        return _print_health(args.json)
+    if args.health and args.ids:
+        parser.error("--health takes no instrument identifiers")
     try:
-        with Reader() as reader:
-            targets = args.ids or reader.slots()
-            status = 0
-            for target in targets:
-                try:
-                    inst = reader.book(target)
-                except KeyError:
-                    print(f"quvo: {target} is not in use", file=sys.stderr)
-                    status = 1
-                    continue
-                print(_json(inst) if args.json else _table(inst))
-            return status
+        return _print_health(args.json) if args.health else _print_books(args.ids, args.json)
     except AttachError as error:
         print(f"quvo: {error}", file=sys.stderr)
         return 2
     except QuvoError as error:
         print(f"quvo: {error}", file=sys.stderr)
         return 1
-
 
 if __name__ == "__main__":
     sys.exit(main())

@@ -31,28 +31,17 @@ void* CreateSegment(std::string& error) {
         error = "cannot make a key from " + path + ": " + strerror(errno);
         return nullptr;
     }
-    int id = shmget(key, sizeof(quvo_health), IPC_CREAT | 0644);
-    if (id == -1 && errno == EINVAL) {
-        // Left by a feed of another layout: readers attached to it keep
-        // their copy; the key names a new segment from now on.
-        const int old = shmget(key, 0, 0);
-        if (old != -1) {
-            shmctl(old, IPC_RMID, nullptr);
-        }
-        id = shmget(key, sizeof(quvo_health), IPC_CREAT | 0644);
+    // A segment of another size was left by a feed of another layout:
+    // readers attached to it keep it; the key names a new one from now on.
+    const int old = shmget(key, 0, 0);
+    struct shmid_ds segment {};
+    if (old != -1 && shmctl(old, IPC_STAT, &segment) == 0 && segment.shm_segsz != sizeof(quvo_health)) {
+        shmctl(old, IPC_RMID, nullptr);
     }
+    const int id = shmget(key, sizeof(quvo_health), IPC_CREAT | 0644);
     if (id == -1) {
         error = "cannot create the health segment for " + path + ": " + strerror(errno);
         return nullptr;
-    }
-    struct shmid_ds segment {};
-    if (shmctl(id, IPC_STAT, &segment) == 0 && segment.shm_segsz != sizeof(quvo_health)) {
-        shmctl(id, IPC_RMID, nullptr);
-        id = shmget(key, sizeof(quvo_health), IPC_CREAT | 0644);
-        if (id == -1) {
-            error = "cannot replace the health segment for " + path + ": " + strerror(errno);
-            return nullptr;
-        }
     }
     void* addr = shmat(id, nullptr, 0);
     if (addr == reinterpret_cast<void*>(-1)) {

@@ -77,17 +77,21 @@ TEST(HealthSegment, ANewFeedStartsItsFiguresFromZero) {
 }
 
 TEST(HealthSegment, ASegmentOfAnotherLayoutIsReplaced) {
-    CShmSandbox sandbox;
-    const key_t key = ftok(sandbox.AreaKeyPath().c_str(), QUVO_HEALTH_PROJ_ID);
-    const int old = shmget(key, 64, IPC_CREAT | 0644);
-    ASSERT_GE(old, 0);
-    attach_health("x.ini");
-    const int now = CShmSandbox::HealthSegmentId(sandbox.AreaKeyPath());
-    EXPECT_NE(now, old);
-    struct shmid_ds info {};
-    ASSERT_EQ(shmctl(now, IPC_STAT, &info), 0);
-    EXPECT_EQ(info.shm_segsz, sizeof(quvo_health));
-    detach_health();
+    // Smaller and larger than this layout.
+    for (size_t size : {size_t{64}, sizeof(quvo_health) + 64}) {
+        CShmSandbox sandbox;
+        const key_t key = ftok(sandbox.AreaKeyPath().c_str(), QUVO_HEALTH_PROJ_ID);
+        const int old = shmget(key, size, IPC_CREAT | 0644);
+        ASSERT_GE(old, 0);
+        attach_health("x.ini");
+        const int now = CShmSandbox::HealthSegmentId(sandbox.AreaKeyPath());
+        EXPECT_NE(now, old) << size;
+        struct shmid_ds info {};
+        ASSERT_EQ(shmctl(now, IPC_STAT, &info), 0);
+        EXPECT_EQ(info.shm_segsz, sizeof(quvo_health));
+        EXPECT_EQ(health().magic, QUVO_HEALTH_MAGIC);
+        detach_health();
+    }
 }
 
 TEST(HealthSegment, AReaderRefusesAnUnknownLayout) {
