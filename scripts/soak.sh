@@ -15,7 +15,7 @@
 # the release preset's, built here); QUVO_SOAK_SEED the simulator's seed
 # (default: from the clock); QUVO_SOAK_RATE its records a second (default
 # 500000; 0 is as fast as the feed reads). Shared memory is keyed in a
-# temporary directory that is removed, with the two segments, however the run
+# temporary directory that is removed, with the feed's segments, however the run
 # ends.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -81,23 +81,25 @@ trap cleanup EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
-# The feed keys its segments by ftok(FILE, 0x52) on these two files.
+# ftok(FILE, ID): the feed keys the ring and the area by ID 0x52 on key_f and
+# key_e, and its health segment by 0x48 on key_e.
 ftok() {
     local dev ino
     read -r dev ino < <(stat -L -c '%d %i' "$1")
-    printf '0x%08x' $(((0x52 << 24) | ((dev & 0xff) << 16) | (ino & 0xffff)))
+    printf '0x%08x' $((($2 << 24) | ((dev & 0xff) << 16) | (ino & 0xffff)))
 }
 in_use() {
     ipcs -m | awk -v key="$1" '$1 == key { found = 1 } END { exit !found }'
 }
 # Fresh files can still share a key with another feed's (ftok keeps only the
-# low 16 bits of the inode); new ones are made until neither key is taken.
+# low 16 bits of the inode); new ones are made until no key is taken.
 for attempt in 1 2 3 4 5 6 7 8; do
     export QUVO_KEY_DIR="$work/keys$attempt"
     mkdir "$QUVO_KEY_DIR"
     touch "$QUVO_KEY_DIR/key_f" "$QUVO_KEY_DIR/key_e"
-    candidate=("$(ftok "$QUVO_KEY_DIR/key_f")" "$(ftok "$QUVO_KEY_DIR/key_e")")
-    if ! in_use "${candidate[0]}" && ! in_use "${candidate[1]}"; then
+    candidate=("$(ftok "$QUVO_KEY_DIR/key_f" 0x52)" "$(ftok "$QUVO_KEY_DIR/key_e" 0x52)"
+               "$(ftok "$QUVO_KEY_DIR/key_e" 0x48)")
+    if ! in_use "${candidate[0]}" && ! in_use "${candidate[1]}" && ! in_use "${candidate[2]}"; then
         keys=("${candidate[@]}")
         break
     fi
@@ -219,6 +221,7 @@ fi
 
 # Resident size from the first snapshot on, split in two halves of time.
 read -r first_max second_max first_n second_n < <(awk '
+    BEGIN { n = 0; a = 0; b = 0 }
     $3 == 1 { t[n] = $1; r[n] = $2; n++ }
     END {
         if (n == 0) { print 0, 0, 0, 0; exit }
