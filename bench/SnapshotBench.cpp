@@ -11,7 +11,7 @@
 #include "tests/support/TcpHarness.h"
 
 #ifdef QUVO_HEALTH_BARE
-#define QUVO_BENCHMARK(fn) BENCHMARK(fn)->Name(#fn "/no_health")
+#define QUVO_BENCHMARK(fn) BENCHMARK(fn)->Name(#fn QUVO_BENCHMARK_SUFFIX)
 #else
 #define QUVO_BENCHMARK(fn) BENCHMARK(fn)
 #endif

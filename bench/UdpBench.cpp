@@ -3,9 +3,11 @@
 // Every iteration is one record. Streams carry consecutive change numbers so
 // that records keep applying; at each wrap the slot is put back as it was,
 // which the "result" counter (mean return value) confirms: 1 applied, 0 not.
-// Built twice into one program: as the feed has it, and with the health
-// accounting left out (QUVO_HEALTH_BARE, the benchmark names ending in
-// "/no_health"), so that its cost is read off one run.
+// Built three times into one program: as the feed has it, and twice with the
+// health accounting left out (QUVO_HEALTH_BARE): "/no_health" and
+// "/control". The two bare copies are the same code placed elsewhere, so
+// their difference is what placement alone moves a figure; the cost of the
+// accounting is read against both.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -21,9 +23,10 @@
 #include "src/api/UpdateRing.h"
 #include "src/dev/Card.h"
 #include "src/udp/ExanicUdpFunc.h"
+#include "src/udp/LiveFigures.h"
 
 #ifdef QUVO_HEALTH_BARE
-#define QUVO_BENCHMARK(fn) BENCHMARK(fn)->Name(#fn "/no_health")
+#define QUVO_BENCHMARK(fn) BENCHMARK(fn)->Name(#fn QUVO_BENCHMARK_SUFFIX)
 #else
 #define QUVO_BENCHMARK(fn) BENCHMARK(fn)
 #endif
@@ -228,13 +231,17 @@ void BM_UdpRecvPublish(benchmark::State& state) {
     CUpdateRing ring(entries.data());
     ring.Reset();
     CExanicUdpFunc& udp = *f.book.udp;
+    CLiveFigures live(udp, ring.GetWriteCount());
     int64_t sum = 0;
     uint32_t k = 0;
     for (auto _ : state) {
+        live.BeforePoll(ring.GetWriteCount());
         const int result = udp.UdpRecv();
         if (result == 1) {
             ring.Publish(f.book.instNo);
-            udp.AccountAnnounced(ring.GetWriteCount(), true);
+            live.Announced(ring.GetWriteCount());
+        } else {
+            live.Idle(ring.GetWriteCount());
         }
         sum += result;
         if (__builtin_expect(++k == kStreamLength, 0)) {

@@ -15,6 +15,7 @@
 #include "src/dev/ExanicDevFunc.h"
 #include "src/tcp/ExanicTcpFunc.h"
 #include "src/udp/ExanicUdpFunc.h"
+#include "src/udp/LiveFigures.h"
 
 namespace {
 
@@ -164,16 +165,18 @@ extern "C" int quvo_recv(const char* config_path, int* running) {
 
         health_phase(QUVO_PHASE_LIVE);
         udp->PrefetchCalcInfo();
+        CLiveFigures live(*udp, ring.GetWriteCount());
         while (Running(running) && result != -1) {
+            live.BeforePoll(ring.GetWriteCount());
             result = udp->UdpRecv();
             if (result == 1) {
                 ring.Publish(lastInstNo);
-                udp->AccountAnnounced(ring.GetWriteCount(), true);
+                live.Announced(ring.GetWriteCount());
             } else {
-                CExanicUdpFunc::AccountIdle(ring.GetWriteCount());
+                live.Idle(ring.GetWriteCount());
             }
         }
-        CExanicUdpFunc::AccountIdle(ring.GetWriteCount());
+        live.End(ring.GetWriteCount());
         dev.StopDecodeData();
         if (Running(running)) {
             const quvo_health_restart reason = udp->GetFatalReason();

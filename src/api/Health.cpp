@@ -59,6 +59,10 @@ uint64_t health_wall_ns() {
     return ClockNs(CLOCK_REALTIME);
 }
 
+void health_note(uint64_t quvo_health_records::*field) {
+    health_add(health().records.*field);
+}
+
 uint64_t health_monotonic_ns() {
     return ClockNs(CLOCK_MONOTONIC);
 }

@@ -82,7 +82,6 @@ CExanicUdpFunc::CExanicUdpFunc(const ExanicMdConfigData& configData, share* shar
       m_refInstNo(instNo),
       shfelogflag(true),
       inelogflag(true),
-      m_sampleStart(0),
       m_pLastCached(nullptr),
       m_fatalReason(QUVO_RESTART_GAP) {}
 
@@ -100,7 +99,7 @@ uint32_t CExanicUdpFunc::_ReceiveFrame(const char* caller) {
     }
     if (n < kDecodedRecordMinLen || n > kDecodedFrameMaxLen) {
         QUVO_LOG_AS(caller, LOG_DEBUG, "receive abnormal decode length: %u", n);
-        health_add(health().records.abnormal_length);
+        health_note(&quvo_health_records::abnormal_length);
         return 0;
     }
     QUVO_LOG_AS(caller, LOG_DEBUG_EX, "receive decode length: %u", n);
@@ -109,12 +108,10 @@ uint32_t CExanicUdpFunc::_ReceiveFrame(const char* caller) {
 
 int CExanicUdpFunc::UdpRecv() {
     const uint32_t n = _ReceiveFrame(__func__);
-    quvo_health& figures = health();
     if (n == 0) {
-        health_add(figures.latency.polls_empty);
+        health_add(health().latency.polls_empty);
         return 0;
     }
-    m_sampleStart = health_sample(health_add(figures.records.received));
     return _ParseMirp(m_recvBuf, n);
 }
 
@@ -171,6 +168,9 @@ int CExanicUdpFunc::ProcessCached() {
     health_add(health().cache.replayed);
     m_pLastCached = cache.pCacheBuf + offset + 8;
     const int result = _ParseMirp(cache.pCacheBuf + offset + 8, size);
+    if (result == 1) {
+        health_add(health().records.applied);
+    }
     --cache.cachedCount;
     cache.ciOffset += static_cast<int32_t>(size);
     return result;
@@ -185,11 +185,15 @@ void CExanicUdpFunc::ClearCache() {
     health_add(health().cache.cleared);
 }
 
-void CExanicUdpFunc::AccountIdle(uint32_t writeCount) {
-    quvo_health& figures = health();
-    health_set(figures.ring.write_count, writeCount);
-    health_set(figures.latency.polls_busy,
-               health_load(figures.records.received) - health_load(figures.cache.cached));
+void CExanicUdpFunc::AccountAnnounced(uint32_t writeCount, bool live) const {
+    quvo_health_ring& ring = health().ring;
+    health_set(ring.write_count, writeCount);
+    DecodeHeader header;
+    memcpy(&header, live ? m_recvBuf : m_pLastCached, sizeof(header));
+    health_set(ring.exchange_time, header.snapTime);
+    health_set(ring.exchange_millis, header.snapMillisec);
+    health_set(quvo_slot_is_ine(m_refInstNo) ? ring.ine_packet_no : ring.shfe_packet_no,
+               static_cast<uint32_t>(header.packetNo));
 }
 
 void CExanicUdpFunc::PrefetchCalcInfo() {
@@ -198,10 +202,9 @@ void CExanicUdpFunc::PrefetchCalcInfo() {
 }
 
 int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
-    quvo_health& figures = health();
     if (len < kDecodedRecordMinLen) {
         QUVO_LOG(LOG_ERROR, "packet length too small: %u", len);
-        health_add(figures.records.short_record);
+        health_note(&quvo_health_records::short_record);
         m_fatalReason = QUVO_RESTART_SHORT;
         return -1;
     }
@@ -226,7 +229,7 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
                          static_cast<int>(incre.instrumentNo), QUVO_SHFE_MAX_INST_CNT - 1);
                 shfelogflag = false;
             }
-            health_add(figures.records.out_of_range);
+            health_note(&quvo_health_records::out_of_range);
             return 0;
         }
         slot = quvo_shfe_slot(incre.instrumentNo);
@@ -240,7 +243,7 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
                          static_cast<int>(incre.instrumentNo), QUVO_INE_MAX_INST_CNT - 1);
                 inelogflag = false;
             }
-            health_add(figures.records.out_of_range);
+            health_note(&quvo_health_records::out_of_range);
             return 0;
         }
         slot = quvo_ine_slot(incre.instrumentNo);
@@ -249,7 +252,7 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
         exchangeType = 1;
     } else {
         QUVO_LOG(LOG_ERROR, "unsupported topicID: 0x%x", header.topicID);
-        health_add(figures.records.unsupported_topic);
+        health_note(&quvo_health_records::unsupported_topic);
         m_fatalReason = QUVO_RESTART_TOPIC;
         return -1;
     }
@@ -267,27 +270,26 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
         if (inst.inst_id[6] != 0) {
             QUVO_LOG(LOG_DEBUG_EX, "do not handle options, instrumentID: %.*s", QUVO_ID(inst));
         }
-        health_add(figures.records.unsubscribed);
+        health_note(&quvo_health_records::unsubscribed);
         return 0;
     }
     if (cfg.options == 0 && inst.inst_id[6] != 0) {
         QUVO_LOG(LOG_DEBUG_EX, "do not handle options, instrumentID: %.*s", QUVO_ID(inst));
-        health_add(figures.records.options);
+        health_note(&quvo_health_records::options);
         return 0;
     }
 
     inst.type = exchangeType;
     reg_write(m_pRegisters, REG_HOST_TIMESTAMP, header.snapTime);
     if (incre.fieldID != FID_MARKET_DATA_INCRE) {
-        health_add(figures.records.other_field_id);
-        health_add(figures.records.applied);
+        health_note(&quvo_health_records::other_field_id);
         return 1;
     }
 
     const uint32_t stored = inst.change_no;
     if (incre.changeNo != stored + 1) {
         if (incre.changeNo <= stored) {
-            health_add(figures.records.stale);
+            health_note(&quvo_health_records::stale);
             return 0;  // already in the book
         }
         // Gap: the book can no longer be trusted, restart from a snapshot.
@@ -296,7 +298,7 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
                  "instrumentNo: %d",
                  incre.changeNo, static_cast<int>(stored + 1), QUVO_ID(inst),
                  static_cast<int>(incre.instrumentNo), static_cast<int>(slot));
-        health_add(figures.records.gaps);
+        health_note(&quvo_health_records::gaps);
         m_fatalReason = QUVO_RESTART_GAP;
         return -1;
     }
@@ -388,7 +390,7 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
         if (size > remaining) {
             // Not a rejection: what was applied stays and the checks still run.
             QUVO_LOG(LOG_ERROR, "abnormal process fieldID: 0x%x length: %u", fieldId, remaining);
-            health_add(figures.records.unknown_fields);
+            health_note(&quvo_health_records::unknown_fields);
             break;
         }
         cursor += size;
@@ -418,7 +420,6 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
     const bool crossed = badBid < 0 && badAsk < 0 && !IsEmptyLevel(bid1, Vol(rec, kBid, 0)) &&
                          !IsEmptyLevel(ask1, Vol(rec, kAsk, 0)) && bid1 >= ask1;
     if (__builtin_expect(badBid < 0 && badAsk < 0 && !crossed, 1) || is_tas_instrument(inst)) {
-        health_add(figures.records.applied);
         return 1;
     }
     if (badBid >= 0) {
@@ -432,7 +433,7 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
                  QUVO_ID(inst));
     }
     CopyRecord(rec, restore);
-    health_add(figures.records.restored);
+    health_note(&quvo_health_records::restored);
     return 0;
 }
 
@@ -443,17 +444,17 @@ void CExanicUdpFunc::_ApplyPriceChange(char* rec, const PriceChangeField& field,
     if (static_cast<uint8_t>(level - 1) > 9) {
         QUVO_LOG_AS(kParseMirp, LOG_ERROR, "invalid priceLevel: %u, instrumentID: %.*s", level,
                     QUVO_ID(inst));
-        health_add(health().records.bad_level);
+        health_note(&quvo_health_records::bad_level);
         return;
     }
     if (field.eventType < PRICE_EVENT_INSERT || field.eventType > PRICE_EVENT_DELETE) {
         QUVO_LOG_AS(kParseMirp, LOG_ERROR, "unkonwn event type: %u", field.eventType);
-        health_add(health().records.bad_event);
+        health_note(&quvo_health_records::bad_event);
         return;
     }
     if (field.mdEntryType > MD_ENTRY_ASK) {
         QUVO_LOG_AS(kParseMirp, LOG_ERROR, "unkonwn md entry type: %u", field.mdEntryType);
-        health_add(health().records.bad_entry);
+        health_note(&quvo_health_records::bad_entry);
         return;
     }
     const BookSide& side = field.mdEntryType == MD_ENTRY_BID ? kBid : kAsk;

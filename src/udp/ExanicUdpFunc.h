@@ -53,32 +53,11 @@ public:
     // or undone; -1: the stream can no longer be trusted (restart).
     int _ParseMirp(char* buf, uint32_t len);
 
-    // Accounts for the announcement of the record just applied, once the
-    // driver has published it. Only the figures that cannot wait are stored
-    // per record: for a record picked for a latency sample, and for the
-    // replay, the ring's write counter, the record's exchange time and
-    // packet number and the latency; the rest waits for AccountIdle.
-    // `live`: the record came from UdpRecv, else from ProcessCached.
-    void AccountAnnounced(uint32_t writeCount, bool live) {
-        if (live && __builtin_expect(m_sampleStart == 0, 1)) {
-            return;
-        }
-        quvo_health& figures = health();
-        health_set(figures.ring.write_count, writeCount);
-        DecodeHeader header;
-        memcpy(&header, live ? m_recvBuf : m_pLastCached, sizeof(header));
-        health_set(figures.ring.exchange_time, header.snapTime);
-        health_set(figures.ring.exchange_millis, header.snapMillisec);
-        health_set(quvo_slot_is_ine(m_refInstNo) ? figures.ring.ine_packet_no : figures.ring.shfe_packet_no,
-                   static_cast<uint32_t>(header.packetNo));
-        if (live) {
-            health_latency(health_monotonic_ns() - m_sampleStart);
-        }
-    }
-    // Brings up to date what the busy path leaves out: the ring's write
-    // counter and the live loop's busy-poll count. The driver calls it after
-    // every live poll that announces nothing, and when the live phase ends.
-    static void AccountIdle(uint32_t writeCount);
+    // Stores the ring's write counter and the exchange time and packet number
+    // of the record just announced: the one UdpRecv read when `live`, else
+    // the one ProcessCached replayed. Called for replayed announcements and
+    // for live ones picked for a latency sample.
+    void AccountAnnounced(uint32_t writeCount, bool live) const;
     // What made the last -1 fatal.
     quvo_health_restart GetFatalReason() const { return m_fatalReason; }
 
@@ -99,7 +78,6 @@ private:
     uint32_t& m_refInstNo;
     bool shfelogflag;
     bool inelogflag;
-    uint64_t m_sampleStart;
     const char* m_pLastCached;
     quvo_health_restart m_fatalReason;
 };
