@@ -230,20 +230,11 @@ void BM_UdpRecvPublish(benchmark::State& state) {
     std::vector<uint16_t> entries(QUVO_UPDATE_RING_ENTRIES);
     CUpdateRing ring(entries.data());
     ring.Reset();
-    CExanicUdpFunc& udp = *f.book.udp;
-    CLiveFigures live(udp, ring.GetWriteCount());
+    CLiveFigures live(*f.book.udp, ring.GetWriteCount());
     int64_t sum = 0;
     uint32_t k = 0;
     for (auto _ : state) {
-        live.BeforePoll(ring.GetWriteCount());
-        const int result = udp.UdpRecv();
-        if (result == 1) {
-            ring.Publish(f.book.instNo);
-            live.Announced(ring.GetWriteCount());
-        } else {
-            live.Idle(ring.GetWriteCount());
-        }
-        sum += result;
+        sum += live.Turn(ring, f.book.instNo);
         if (__builtin_expect(++k == kStreamLength, 0)) {
             k = 0;
             f.Wrap();

@@ -167,14 +167,7 @@ extern "C" int quvo_recv(const char* config_path, int* running) {
         udp->PrefetchCalcInfo();
         CLiveFigures live(*udp, ring.GetWriteCount());
         while (Running(running) && result != -1) {
-            live.BeforePoll(ring.GetWriteCount());
-            result = udp->UdpRecv();
-            if (result == 1) {
-                ring.Publish(lastInstNo);
-                live.Announced(ring.GetWriteCount());
-            } else {
-                live.Idle(ring.GetWriteCount());
-            }
+            result = live.Turn(ring, lastInstNo);
         }
         live.End(ring.GetWriteCount());
         dev.StopDecodeData();

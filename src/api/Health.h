@@ -22,11 +22,8 @@ inline uint64_t health_load(const uint64_t& field) {
 inline void health_set(uint64_t& field, uint64_t value) {
     __atomic_store_n(&field, value, __ATOMIC_RELAXED);
 }
-// Returns the new value.
-inline uint64_t health_add(uint64_t& field, uint64_t n = 1) {
-    const uint64_t value = health_load(field) + n;
-    health_set(field, value);
-    return value;
+inline void health_add(uint64_t& field, uint64_t n = 1) {
+    health_set(field, health_load(field) + n);
 }
 inline void health_raise(uint64_t& field, uint64_t value) {
     if (value > health_load(field)) {
@@ -73,11 +70,10 @@ inline void health_latency(uint64_t ns) {
 #ifdef QUVO_HEALTH_BARE
 // Benchmarks build a second copy of a component without the accounting (its
 // class renamed), so that the cost is measured side by side in one run.
-#define QUVO_HEALTH_UNUSED(field, ...) \
-    ((void)(field), (void)sizeof(0 __VA_OPT__(+(__VA_ARGS__))), uint64_t{0})
+#define QUVO_HEALTH_UNUSED(field, ...) ((void)(field), (void)sizeof(0 __VA_OPT__(+(__VA_ARGS__))))
 #define health_add(...) QUVO_HEALTH_UNUSED(__VA_ARGS__)
-#define health_set(...) (void)QUVO_HEALTH_UNUSED(__VA_ARGS__)
-#define health_raise(...) (void)QUVO_HEALTH_UNUSED(__VA_ARGS__)
+#define health_set(...) QUVO_HEALTH_UNUSED(__VA_ARGS__)
+#define health_raise(...) QUVO_HEALTH_UNUSED(__VA_ARGS__)
 #define health_sampled(seen) ((void)(seen), false)
 #define health_latency(ns) (void)sizeof(ns)
 #define health_note(field) (void)(field)

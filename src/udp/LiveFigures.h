@@ -10,17 +10,32 @@
 #include <cstdint>
 
 #include "src/api/Health.h"
+#include "src/api/UpdateRing.h"
 #include "src/udp/ExanicUdpFunc.h"
 
 class CLiveFigures {
 public:
-    CLiveFigures(const CExanicUdpFunc& udp, uint32_t writeCount)
+    CLiveFigures(CExanicUdpFunc& udp, uint32_t writeCount)
         : m_udp(udp),
           m_writeCount(writeCount),
           m_received(health_load(health().records.received)),
           m_applied(health_load(health().records.applied)),
           m_empty(health_load(health().latency.polls_empty)),
           m_sampleStart(0) {}
+
+    // One turn of the live loop: a poll, the announcement of the record it
+    // applied (the parser leaves its slot in `slot`), and their figures.
+    int Turn(CUpdateRing& ring, const uint32_t& slot) {
+        BeforePoll(ring.GetWriteCount());
+        const int result = m_udp.UdpRecv();
+        if (result == 1) {
+            ring.Publish(slot);
+            Announced(ring.GetWriteCount());
+        } else {
+            Idle(ring.GetWriteCount());
+        }
+        return result;
+    }
 
     // Before each poll, with the ring's write count: the clock is read for
     // the poll that may bring the announcement picked for a sample, so
@@ -68,7 +83,7 @@ private:
         health_set(figures.latency.polls_busy, m_received - health_load(figures.cache.cached));
     }
 
-    const CExanicUdpFunc& m_udp;
+    CExanicUdpFunc& m_udp;
     uint32_t m_writeCount;
     uint64_t m_received;
     uint64_t m_applied;
