@@ -1,7 +1,6 @@
 // Snapshot decoding throughput: a full table of 20480 instruments with five
 // levels per side, as TCP frames through the packet handler into the area.
-// Built twice into one program, as UdpBench is: the second copy without the
-// health accounting, its benchmarks named with "/no_health".
+// Built six times into one program, as UdpBench is (see there).
 #include <benchmark/benchmark.h>
 
 #include <vector>
@@ -10,7 +9,7 @@
 #include "sim/MdqpBuilder.h"
 #include "tests/support/TcpHarness.h"
 
-#ifdef QUVO_HEALTH_BARE
+#ifdef QUVO_BENCHMARK_SUFFIX
 #define QUVO_BENCHMARK(fn) BENCHMARK(fn)->Name(#fn QUVO_BENCHMARK_SUFFIX)
 #else
 #define QUVO_BENCHMARK(fn) BENCHMARK(fn)
@@ -109,6 +108,6 @@ QUVO_BENCHMARK(BM_TcpChecksum);
 
 }  // namespace
 
-#ifndef QUVO_HEALTH_BARE
+#ifndef QUVO_BENCHMARK_SUFFIX
 BENCHMARK_MAIN();
 #endif

@@ -3,11 +3,13 @@
 // Every iteration is one record. Streams carry consecutive change numbers so
 // that records keep applying; at each wrap the slot is put back as it was,
 // which the "result" counter (mean return value) confirms: 1 applied, 0 not.
-// Built three times into one program: as the feed has it, and twice with the
-// health accounting left out (QUVO_HEALTH_BARE): "/no_health" and
-// "/control". The two bare copies are the same code placed elsewhere, so
-// their difference is what placement alone moves a figure; the cost of the
-// accounting is read against both.
+// Built six times into one program: three copies as the feed has it (the
+// unsuffixed benchmarks, "/health2", "/health3") and three with the health
+// accounting left out (QUVO_HEALTH_BARE: "/no_health", "/no_health2",
+// "/no_health3"). Copies of one kind are the same code placed elsewhere, so
+// their spread is what placement alone moves a figure, and the cost of the
+// accounting is read between the two kinds across placements
+// (scripts/bench-compare.py).
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -25,7 +27,7 @@
 #include "src/udp/ExanicUdpFunc.h"
 #include "src/udp/LiveFigures.h"
 
-#ifdef QUVO_HEALTH_BARE
+#ifdef QUVO_BENCHMARK_SUFFIX
 #define QUVO_BENCHMARK(fn) BENCHMARK(fn)->Name(#fn QUVO_BENCHMARK_SUFFIX)
 #else
 #define QUVO_BENCHMARK(fn) BENCHMARK(fn)
@@ -284,6 +286,6 @@ QUVO_BENCHMARK(BM_UpdateRingPublish);
 
 }  // namespace
 
-#ifndef QUVO_HEALTH_BARE
+#ifndef QUVO_BENCHMARK_SUFFIX
 BENCHMARK_MAIN();
 #endif

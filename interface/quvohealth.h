@@ -75,7 +75,7 @@ enum quvo_health_clean {
  */
 #define QUVO_HEALTH_LATENCY_BUCKETS 77
 /* One applied record in this many has its latency measured. */
-#define QUVO_HEALTH_LATENCY_SAMPLE_EVERY 64
+#define QUVO_HEALTH_LATENCY_SAMPLE_EVERY 256
 
 /* Written by the main thread. */
 struct quvo_health_process {

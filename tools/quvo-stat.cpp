@@ -16,6 +16,9 @@
 #include "tools/HealthFormat.h"
 #include "tools/StopSignal.h"
 
+#define QUVO_STRINGIFY_(x) #x
+#define QUVO_STRINGIFY(x) QUVO_STRINGIFY_(x)
+
 namespace {
 
 constexpr const char* kUsage =
@@ -62,7 +65,8 @@ constexpr const char* kUsage =
     "  ring        announcements written, the last record's exchange time and the last\n"
     "              packet numbers of SHFE and INE\n"
     "  latency     from a live record's frame read to its announcement: percentiles,\n"
-    "              largest and mean, over the records timed (one in 64)\n"
+    "              largest and mean, over the records timed (one in " QUVO_STRINGIFY(
+        QUVO_HEALTH_LATENCY_SAMPLE_EVERY) ")\n"
     "  live polls  polls of the live receive loop that found nothing, and that read a frame\n"
     "\n"
     "When the feed has stopped, failed or is gone (ended without stopping in order), the\n"

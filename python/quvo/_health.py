@@ -11,7 +11,7 @@ HEALTH_SIZE = 1800
 HEALTH_PATH_MAX = 256
 HEALTH_FEEDS = 4
 LATENCY_BUCKETS = 77
-LATENCY_SAMPLE_EVERY = 64
+LATENCY_SAMPLE_EVERY = 256
 
 # Names in the order of the C enums and of quvohealthreader.h's name functions.
 PHASES = ("starting", "configuring", "snapshot", "replay", "live", "stopping", "stopped", "failed")

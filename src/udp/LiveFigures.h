@@ -68,8 +68,8 @@ private:
     }
 
     void _Store(uint32_t writeCount, uint64_t polls) {
-        // The write count wraps; a sample every 64 announcements at the
-        // latest keeps the difference well inside 32 bits.
+        // The write count wraps; a sample every QUVO_HEALTH_LATENCY_SAMPLE_EVERY
+        // announcements at the latest keeps the difference well inside 32 bits.
         const uint64_t announced = static_cast<uint32_t>(writeCount - m_writeCount);
         const uint64_t empty = health_load(health().latency.polls_empty);
         m_writeCount = writeCount;

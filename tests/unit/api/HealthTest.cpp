@@ -291,19 +291,20 @@ TEST_F(LiveCounts, ReceivedAndAppliedFollowTheRingAndThePollsThatAnnounceNothing
     EXPECT_EQ(h.latency.samples, 0u);
 }
 
-TEST_F(LiveCounts, EverySixtyFourthAnnouncementIsSampledWithTheFiguresUpToIt) {
+TEST_F(LiveCounts, EveryNthAnnouncementIsSampledWithTheFiguresUpToIt) {
+    constexpr uint32_t n = QUVO_HEALTH_LATENCY_SAMPLE_EVERY;
     CLiveFigures live(u.udp, 0);
-    for (uint32_t w = 1; w <= 150; ++w) {
+    for (uint32_t w = 1; w <= 2 * n + 22; ++w) {
         Announce(live, w);
-        if (w == 64) {
+        if (w == n) {
             EXPECT_EQ(h.latency.samples, 1u);
-            EXPECT_EQ(h.records.applied, 64u);
-            EXPECT_EQ(h.records.received, 64u);
-            EXPECT_EQ(h.ring.write_count, 64u);
+            EXPECT_EQ(h.records.applied, n);
+            EXPECT_EQ(h.records.received, n);
+            EXPECT_EQ(h.ring.write_count, n);
         }
     }
     EXPECT_EQ(h.latency.samples, 2u);
-    EXPECT_EQ(h.records.applied, 128u);
+    EXPECT_EQ(h.records.applied, 2 * n);
     uint64_t bucketed = 0;
     for (uint64_t count : h.latency.buckets) {
         bucketed += count;
@@ -312,22 +313,23 @@ TEST_F(LiveCounts, EverySixtyFourthAnnouncementIsSampledWithTheFiguresUpToIt) {
     EXPECT_GT(h.latency.max_ns, 0u);
     EXPECT_GE(h.latency.sum_ns, h.latency.max_ns);
     EXPECT_GT(h.latency.buckets[quvo_health_bucket(h.latency.max_ns)], 0u);
-    live.End(150);
-    EXPECT_EQ(h.records.applied, 150u);
+    live.End(2 * n + 22);
+    EXPECT_EQ(h.records.applied, 2 * n + 22);
 }
 
 // The clock starts before the poll that brings the sampled announcement,
 // the last of them when the first ones find nothing.
 TEST_F(LiveCounts, LatencyRunsFromThePollThatReadTheFrame) {
-    CLiveFigures live(u.udp, 62);
-    Announce(live, 63);
-    live.BeforePoll(63);
+    constexpr uint32_t n = QUVO_HEALTH_LATENCY_SAMPLE_EVERY;
+    CLiveFigures live(u.udp, n - 2);
+    Announce(live, n - 1);
+    live.BeforePoll(n - 1);
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     health_add(h.latency.polls_empty);
-    live.Idle(63);
-    live.BeforePoll(63);
+    live.Idle(n - 1);
+    live.BeforePoll(n - 1);
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    live.Announced(64);
+    live.Announced(n);
     ASSERT_EQ(h.latency.samples, 1u);
     EXPECT_GE(h.latency.max_ns, 2000000u);
     EXPECT_LT(h.latency.max_ns, 200000000u);

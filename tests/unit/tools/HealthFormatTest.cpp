@@ -385,7 +385,9 @@ TEST_F(HealthFormatTest, ReportOfARunningFeed) {
     EXPECT_TRUE(
         contains(report, "latency    p50 511ns  p90 511ns  p99 2.0µs  p99.9 40.0µs  max 40.0µs  mean 1.0µs"))
         << report;
-    EXPECT_TRUE(contains(report, "100 samples: one live record in 64 is timed")) << report;
+    EXPECT_TRUE(contains(report, "100 samples: one live record in " +
+                                     std::to_string(QUVO_HEALTH_LATENCY_SAMPLE_EVERY) + " is timed"))
+        << report;
     EXPECT_TRUE(contains(report, "live polls empty 1,000, busy 100")) << report;
     EXPECT_FALSE(contains(report, "figures it left")) << report;
 }
