@@ -22,9 +22,8 @@ done
 echo "=== all tests passed in release, asan and tsan"
 # Five minutes of the release feed on the simulator with every fault at
 # once. The process's heap (the simulator inside it included) settles over
-# the first two to three minutes of restarts; with three minutes the second
-# half's largest resident size came out 0.4% and 1.3% above the first's in
-# two runs, with five 0.6%, so the first half has to cover the settling.
+# the first two to three minutes of restarts, so the first half has to cover
+# the settling.
 scripts/soak.sh 5
 
 exanic_src="${QUVO_EXANIC_SRC:-../shared/libexanic}"
