@@ -216,10 +216,12 @@ CSoftPort* CSoftCard::GetPort(int port) {
     return m_pReplay != nullptr && (port == 0 || port == 1) ? m_pReplay->GetPort(port) : nullptr;
 }
 
-void CSoftCard::_WatchForExit(bool active) {
-    if (active) {
+void CSoftCard::_WatchQuiet() {
+    const uint64_t moves =
+        m_moves[0].value.load(std::memory_order_relaxed) + m_moves[1].value.load(std::memory_order_relaxed);
+    if (moves != m_movesSeen.load(std::memory_order_relaxed)) {
+        m_movesSeen.store(moves, std::memory_order_relaxed);
         m_lastActivityNs.store(monotonic_ns(), std::memory_order_relaxed);
-        return;
     }
     if (m_exitRaised.load(std::memory_order_relaxed) || !m_source->IsIdle()) {
         return;

@@ -158,7 +158,7 @@ public:
         }
         const ssize_t n = buffer.Read(buf, size);
         if (__builtin_expect(m_exitSeconds >= 0, 0)) {
-            _WatchForExit(arrived || n != 0);
+            _WatchForExit(arrived || n != 0, port);
         }
         return n;
     }
@@ -175,7 +175,7 @@ public:
             _Count(m_overruns[port]);
         }
         if (__builtin_expect(m_exitSeconds >= 0, 0)) {
-            _WatchForExit(arrived || !ring.IsDrained(reader));
+            _WatchForExit(arrived || !ring.IsDrained(reader), port);
         }
     }
     // Places `reader` on `port`'s ring as the library does on acquisition.
@@ -195,7 +195,17 @@ private:
     CSoftCard(const std::string& device, std::unique_ptr<CSoftSource> source, volatile uint32_t* registers,
               CReplaySource* replay, bool usesRing);
     bool _AllocateRings();
-    void _WatchForExit(bool active);
+    // A poll that moved a frame only counts it: a clock read per frame would
+    // cost more than the rest of the delivery. The first quiet poll to see
+    // the counts changed stands for the time of the last activity.
+    void _WatchForExit(bool active, int port) {
+        if (active) {
+            _Count(m_moves[port].value);
+            return;
+        }
+        _WatchQuiet();
+    }
+    void _WatchQuiet();
     // Figures have one writer, the thread polling the port: no locked
     // read-modify-write on the receive path.
     static void _Count(std::atomic<uint64_t>& counter) {
@@ -256,6 +266,12 @@ private:
     std::atomic<uint64_t> m_overruns[2] = {};
     double m_exitSeconds = -1;
     std::atomic<int64_t> m_lastActivityNs;
+    // Each written by the thread polling its port only.
+    struct alignas(64) PortMoves {
+        std::atomic<uint64_t> value{0};
+    };
+    PortMoves m_moves[2];
+    std::atomic<uint64_t> m_movesSeen{0};
     std::atomic<bool> m_exitRaised{false};
     std::unique_ptr<CRegisterRecorder> m_recorder;
     mutable std::mutex m_eventMutex;

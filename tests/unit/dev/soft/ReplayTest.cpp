@@ -2,9 +2,11 @@
 #include <pcap/pcap.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "public/log/CommonLog.h"
@@ -333,6 +335,30 @@ TEST_F(ReplayTest, ExitRaisesOneInterruptOnceBothFilesAreDone) {
     EXPECT_EQ(Next(0), "<0>");
     EXPECT_EQ(g_interrupts, 1);
     EXPECT_EQ(Next(0), "<0>");
+    EXPECT_EQ(Next(1), "<0>");
+    EXPECT_EQ(g_interrupts, 1);
+    signal(SIGINT, previous);
+}
+
+// Frames moved on one port keep the other port's quiet polls from ending the
+// replay, and the quiet time runs from the last of them, not from the start.
+TEST_F(ReplayTest, ExitWaitsForQuietAfterTheLastFrameMoved) {
+    const std::string rawPath = WritePcap("raw.pcap", DLT_EN10MB, true, {});
+    const std::string decodedPath =
+        WritePcap("d.pcap", DLT_EN10MB, true, {{kT0, "a"}, {kT0, "b"}, {kT0, "c"}});
+    ASSERT_TRUE(Open("raw=" + rawPath + ",decoded=" + decodedPath + ",exit=0.2"));
+    auto* previous = signal(SIGINT, CountInterrupt);
+    g_interrupts = 0;
+    StreamsOn();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    for (const char* frame : {"a", "b", "c"}) {
+        EXPECT_EQ(Next(1), "<0>");
+        EXPECT_EQ(Next(0), frame);
+    }
+    EXPECT_EQ(Next(1), "<0>");
+    EXPECT_EQ(Next(0), "<0>");
+    EXPECT_EQ(g_interrupts, 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_EQ(Next(1), "<0>");
     EXPECT_EQ(g_interrupts, 1);
     signal(SIGINT, previous);
