@@ -40,6 +40,8 @@ public:
             }
         } else if (index == REG_RESET && value == 1 && cardReadyNs == 0) {
             cardReadyNs = monotonic_ns();
+        } else if (index == REG_ORIG_DATA && value == 1 && snapshotRequestedNs == 0) {
+            snapshotRequestedNs = monotonic_ns();
         } else if (index == REG_ORIG_DATA && value == 0 && snapshotDoneNs == 0) {
             snapshotDoneNs = monotonic_ns();
             recordsAtSnapshot = records;
@@ -50,6 +52,7 @@ public:
     uint64_t recordsAtSnapshot = 0;
     int64_t lastSampleNs = 0;
     int64_t cardReadyNs = 0;
+    int64_t snapshotRequestedNs = 0;
     int64_t snapshotDoneNs = 0;
 };
 
@@ -106,6 +109,8 @@ void BM_FeedReplay(benchmark::State& state) {
         }
         const double liveSeconds = static_cast<double>(tap.lastSampleNs - tap.snapshotDoneNs) * 1e-9;
         state.SetIterationTime(static_cast<double>(tap.snapshotDoneNs - startNs) * 1e-9);
+        state.counters["snapshot_requested_ms_from_start"] =
+            static_cast<double>(tap.snapshotRequestedNs - startNs) * 1e-6;
         state.counters["snapshot_ms_from_start"] = static_cast<double>(tap.snapshotDoneNs - startNs) * 1e-6;
         state.counters["snapshot_ms_from_card"] =
             static_cast<double>(tap.snapshotDoneNs - tap.cardReadyNs) * 1e-6;
