@@ -1,6 +1,7 @@
 // The whole feed, in this process, replaying a session written by quvo-sim at
-// full speed: the time until the snapshot is loaded and the records a second
-// through the replay and live phases. A register tap timestamps the feed's
+// full speed: the time until the snapshot is requested and loaded and the
+// records a second through the replay and live phases; and a bare loop over
+// the same records for the live phase to be read against. A register tap timestamps the feed's
 // own register writes, so nothing is added to the feed's loops but a counter
 // behind the tap's one branch (the feed writes register 12 for every record).
 #include <benchmark/benchmark.h>
@@ -11,13 +12,20 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
+#include <vector>
 
+#include "interface/commonheader.h"
 #include "src/ExanicMdImpl.h"
+#include "src/api/UpdateRing.h"
+#include "src/dev/Card.h"
 #include "src/dev/Registers.h"
 #include "src/dev/soft/ReplayClock.h"
+#include "src/udp/DecodedRecord.h"
 
 namespace {
 
@@ -123,6 +131,54 @@ void BM_FeedReplay(benchmark::State& state) {
     RemoveSegments(dir);
 }
 BENCHMARK(BM_FeedReplay)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// The bare loop the live phase is read against: the same decoded capture
+// through the software card, each record's instrument touched and announced,
+// nothing else (no change-number check, no book, no health figures).
+void BM_FeedBareLoop(benchmark::State& state) {
+    const std::string device = "replay:decoded=" + SessionDir() + "/decoded.pcap";
+    auto area = std::make_unique<share>();
+    std::vector<uint16_t> entries(QUVO_UPDATE_RING_ENTRIES);
+    CUpdateRing ring(entries.data());
+    for (auto _ : state) {
+        CardHandle* handle = card_acquire_handle(device.c_str());
+        CardRx* rx = handle != nullptr ? card_acquire_rx_buffer(handle, 0, 0) : nullptr;
+        if (rx == nullptr) {
+            state.SkipWithError(card_get_last_error());
+            if (handle != nullptr) {
+                card_release_handle(handle);
+            }
+            break;
+        }
+        reg_write(card_get_devkit_registers(handle), REG_DECODE_DATA, 1);
+        ring.Reset();
+        alignas(8) char frame[kDecodedFrameMaxLen + 64] = {};
+        uint64_t records = 0;
+        const int64_t startNs = monotonic_ns();
+        for (;;) {
+            const ssize_t n = card_receive_frame(rx, frame, kDecodedFrameMaxLen);
+            if (n <= 0) {
+                break;
+            }
+            MarketDataIncreField incre;
+            memcpy(&incre, frame + sizeof(DecodeHeader), sizeof(incre));
+            const uint32_t slot = incre.instrumentNo % QUVO_INST_SLOTS;
+            area->instmts[slot].change_no = incre.changeNo;
+            ring.Publish(slot);
+            ++records;
+        }
+        const int64_t endNs = monotonic_ns();
+        card_release_rx_buffer(rx);
+        card_release_handle(handle);
+        state.SetIterationTime(static_cast<double>(endNs - startNs) * 1e-9);
+        state.counters["records"] = static_cast<double>(records);
+        state.counters["records_per_s"] =
+            static_cast<double>(records) / (static_cast<double>(endNs - startNs) * 1e-9);
+    }
+    benchmark::DoNotOptimize(area.get());
+    benchmark::DoNotOptimize(entries.data());
+}
+BENCHMARK(BM_FeedBareLoop)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
