@@ -109,6 +109,47 @@ void BM_ParseMirp_LevelUpdate(benchmark::State& state) {
 }
 QUVO_BENCHMARK(BM_ParseMirp_LevelUpdate);
 
+// The bare baseline of a level update: the record's fields read, the level's
+// price and volume and the change number written into the instrument's
+// record, with none of the checks, the book's shift or the book check.
+void BM_RecordBareApply(benchmark::State& state) {
+    CBookFixture f;
+    CRecordStream s(kStreamLength, 0, [](uint32_t k) { return LevelUpdate(k); });
+    f.Reset(s.storedChangeNo);
+    share& area = *f.area;
+    const PriceCalcInfo& calc = *f.calc;
+    uint32_t k = 0;
+    for (auto _ : state) {
+        const char* record = s.At(k);
+        DecodeHeader header;
+        MarketDataIncreField incre;
+        PriceChangeField change;
+        memcpy(&header, record, sizeof(header));
+        memcpy(&incre, record + sizeof(header), sizeof(incre));
+        memcpy(&change, record + sizeof(header) + sizeof(incre), sizeof(change));
+        const uint32_t slot = incre.instrumentNo;
+        instrument& inst = area.instmts[slot];
+        const unsigned level = (change.priceLevel - 1u) % QUVO_BOOK_LEVELS;
+        const double price = calc.codecPrice[slot] + change.priceOffset * calc.priceTick[slot];
+        if (change.mdEntryType == kBid) {
+            inst.bid_px[level] = price;
+            inst.bid_vol[level] = static_cast<int32_t>(change.volume);
+        } else {
+            inst.ask_px[level] = price;
+            inst.ask_vol[level] = static_cast<int32_t>(change.volume);
+        }
+        inst.change_no = incre.changeNo;
+        inst.update_time = header.snapTime;
+        inst.update_milli_sec = header.snapMillisec;
+        benchmark::DoNotOptimize(inst);
+        if (__builtin_expect(++k == s.count, 0)) {
+            k = 0;
+        }
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+QUVO_BENCHMARK(BM_RecordBareApply);
+
 // A new best bid that is deleted again: both shift the side's levels.
 void BM_ParseMirp_InsertDelete(benchmark::State& state) {
     CBookFixture f;
