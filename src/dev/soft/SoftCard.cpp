@@ -38,29 +38,6 @@ bool CSoftPort::IsIdle() const {
            __atomic_load_n(&m_pRegisters[m_streamRegister], __ATOMIC_RELAXED) != 1;
 }
 
-ESoftNext CSoftPort::Next(SoftFrameRef& out) {
-    if (m_next == m_frames.size()) {
-        return SOFT_NEXT_NONE;
-    }
-    const SoftFrame& frame = m_frames[m_next];
-    if (m_refClock.IsPaced() && !m_refClock.IsDue(frame.timeNs)) {
-        return SOFT_NEXT_NONE;
-    }
-    ++m_next;
-    if (m_next == m_frames.size()) {
-        m_exhausted.store(true, std::memory_order_relaxed);
-    }
-    // The card drops what arrives while its stream is off.
-    if (__atomic_load_n(&m_pRegisters[m_streamRegister], __ATOMIC_RELAXED) != 1) {
-        return SOFT_NEXT_DROPPED;
-    }
-    out.data = m_data.data() + frame.offset;
-    out.length = frame.length;
-    out.status = frame.status;
-    out.timestamp = static_cast<uint32_t>(frame.timeNs);
-    return SOFT_NEXT_FRAME;
-}
-
 namespace {
 
 std::mutex g_failureMutex;
@@ -131,7 +108,12 @@ CSoftCard::CSoftCard(const std::string& device, std::unique_ptr<CSoftSource> sou
       m_usesRing(usesRing),
       m_exitSeconds(m_source->GetExitSeconds()),
       m_lastActivityNs(monotonic_ns()),
-      m_recorder(std::make_unique<CRegisterRecorder>(registers)) {}
+      m_recorder(std::make_unique<CRegisterRecorder>(registers)) {
+    if (m_pReplay != nullptr) {
+        m_replayPorts[0] = m_pReplay->GetPort(0);
+        m_replayPorts[1] = m_pReplay->GetPort(1);
+    }
+}
 
 CSoftCard::~CSoftCard() {
     const char* statsPath = getenv("QUVO_SOFT_CARD_STATS");
