@@ -8,6 +8,7 @@
 
 #include "public/log/CommonLog.h"
 #include "src/api/Health.h"
+#include "src/tcp/TcpChecksum.h"
 
 namespace {
 
@@ -73,7 +74,6 @@ CExanicTcpFunc::CExanicTcpFunc(const ExanicMdConfigData& configData, share* shar
       shfe_cnt_flag(true),
       ine_cnt_flag(true),
       m_recvBuf(),
-      m_checksumBuf(),
       m_sessions(),
       inter_infos() {
     for (TcpSession& s : m_sessions) {
@@ -141,39 +141,7 @@ void CExanicTcpFunc::_Cleandata() {
 }
 
 bool CExanicTcpFunc::_ChecksumOk(const char* ip, int hl, int seglen) {
-    // The one's-complement sum does not depend on byte order, so words are
-    // summed as the host reads them and swapped once at the end. The segment
-    // is staged in the scratch buffer with its checksum field zeroed and the
-    // odd byte padded, then summed eight bytes at a time.
-    char* scratch = m_checksumBuf;
-    memcpy(scratch, ip + 12, 8);
-    scratch[8] = 0;
-    scratch[9] = 6;
-    const uint16_t netLen = htons(static_cast<uint16_t>(seglen));
-    memcpy(scratch + 10, &netLen, 2);
-    memcpy(scratch + 12, ip + hl, static_cast<size_t>(seglen));
-    const uint16_t received = Load16(scratch + 12 + 16);
-    scratch[12 + 16] = 0;
-    scratch[12 + 17] = 0;
-    size_t total = 12 + static_cast<size_t>(seglen);
-    if (total & 1) {
-        scratch[total++] = 0;
-    }
-    uint64_t sum = 0;
-    size_t i = 0;
-    for (; i + 8 <= total; i += 8) {
-        uint64_t word;
-        memcpy(&word, scratch + i, sizeof(word));
-        sum += word & 0xFFFFFFFFu;
-        sum += word >> 32;
-    }
-    for (; i < total; i += 2) {
-        sum += Load16(scratch + i);
-    }
-    while (sum >> 16) {
-        sum = (sum & 0xFFFF) + (sum >> 16);
-    }
-    return static_cast<uint16_t>(~sum & 0xFFFF) == received;
+    return tcp_segment_checksum(ip, ip + hl, static_cast<size_t>(seglen)) == ntohs(Load16(ip + hl + 16));
 }
 
 void CExanicTcpFunc::_InitTcpSession(TcpSession& s, uint32_t srcHost, uint32_t dstHost, uint16_t srcPort,

@@ -127,7 +127,6 @@ private:
     bool shfe_cnt_flag;
     bool ine_cnt_flag;
     char m_recvBuf[2048];
-    char m_checksumBuf[2048];
     TcpSession m_sessions[65536];
     inter_info inter_infos[QUVO_INST_SLOTS];
     // Reused by every instrument's check, so the walk over the table does
