@@ -8,6 +8,7 @@
 
 #include "public/log/CommonLog.h"
 #include "src/api/Health.h"
+#include "src/tcp/HeldFrames.h"
 #include "src/tcp/TcpChecksum.h"
 
 namespace {
@@ -30,6 +31,10 @@ inline uint32_t Load32(const char* p) {
     return v;
 }
 
+inline HeldFrames Held(TcpSession& s) {
+    return HeldFrames{s.lost_buf_head, s.lost_buf_size, s.lost_flag};
+}
+
 inline MdqpHeader LoadHeader(const char* p) {
     MdqpHeader h;
     memcpy(&h, p, sizeof(h));
@@ -39,13 +44,6 @@ inline MdqpHeader LoadHeader(const char* p) {
 // A message start: a snapshot message header (last or not).
 inline bool IsMdqpHeader(const MdqpHeader& h) {
     return (h.flag & 0xEF) == 1 && h.type_id == kMdqpSnapshotType;
-}
-
-// TCP sequence number of a held frame.
-inline uint32_t FrameSeq(const char* frame) {
-    const char* ip = frame + kEthernetHeader;
-    const int hl = (static_cast<uint8_t>(ip[0]) & 0x0F) * 4;
-    return ntohl(Load32(ip + hl + 4));
 }
 
 }  // namespace
@@ -111,18 +109,11 @@ bool CExanicTcpFunc::_AllFinished() const {
 
 void CExanicTcpFunc::ResetSession(TcpSession& s) {
     s.frag_flag = 0;
-    s.lost_flag = 0;
     s.init = 0;
     s.frag_buf_offset = 0;
     free(s.frag_buf);
     s.frag_buf = nullptr;
-    for (TcpLostBuf* node = s.lost_buf_head; node != nullptr;) {
-        TcpLostBuf* next = node->next;
-        free(node);
-        node = next;
-    }
-    s.lost_buf_head = nullptr;
-    s.lost_buf_size = 0;
+    held_frames_free_all(Held(s));
     s.em_dqp_data_type = MDQP_DATA_TYPE_UNKNOW;
 }
 
@@ -265,80 +256,29 @@ void CExanicTcpFunc::_HoldFrame(TcpSession& s, const char* frame, unsigned int l
         _Cleandata();
         return;
     }
-    TcpLostBuf* node = static_cast<TcpLostBuf*>(malloc(sizeof(TcpLostBuf)));
+    TcpLostBuf* node = held_frame_new(frame, len);
     if (node == nullptr) {
         QUVO_LOG_AS(kPacketHandler, LOG_ERROR, "failed to malloc buffer to store tcp lost frame");
         return;
     }
-    memset(static_cast<void*>(node), 0, sizeof(TcpLostBuf));
-    // Anything past 2048 bytes can only be padding beyond the segment.
-    const unsigned int kept = len < sizeof(node->buf) ? len : sizeof(node->buf);
-    memcpy(node->buf, frame, kept);
-    node->len = kept;
     quvo_health_tcp& figures = health().tcp;
-    if (s.lost_flag != 1) {
-        s.lost_buf_head = node;
-        s.lost_flag = 1;
-        ++s.lost_buf_size;
-        health_add(figures.held);
-        health_raise(figures.held_peak, s.lost_buf_size);
-        return;
-    }
-    // held: ascending by sequence number; a duplicate of a held frame is dropped
-    for (TcpLostBuf* cur = s.lost_buf_head; cur != nullptr && s.lost_buf_size < kMaxHeldFrames;
-         cur = cur->next) {
-        const uint32_t curSeq = FrameSeq(cur->buf);
-        if (seq < curSeq) {
-            node->next = cur;
-            node->before = cur->before;
-            if (cur->before != nullptr) {
-                cur->before->next = node;
-            } else {
-                s.lost_buf_head = node;
-            }
-            cur->before = node;
-            ++s.lost_buf_size;
+    switch (held_frames_insert(Held(s), node, seq)) {
+        case HELD_INSERTED:
             health_add(figures.held);
             health_raise(figures.held_peak, s.lost_buf_size);
-            return;
-        }
-        if (seq == curSeq) {
+            break;
+        case HELD_DUPLICATE:
             health_add(figures.duplicates);
             break;
-        }
-        if (cur->next == nullptr || seq <= FrameSeq(cur->next->buf)) {
-            node->before = cur;
-            node->next = cur->next;
-            if (cur->next != nullptr) {
-                cur->next->before = node;
-            }
-            cur->next = node;
-            ++s.lost_buf_size;
-            health_add(figures.held);
-            health_raise(figures.held_peak, s.lost_buf_size);
-            return;
-        }
-    }
-    free(node);
-}
-
-void CExanicTcpFunc::_ReleaseHead(TcpSession& s) {
-    TcpLostBuf* head = s.lost_buf_head;
-    s.lost_buf_head = head->next;
-    free(head);
-    if (s.lost_buf_head == nullptr) {
-        s.lost_flag = 0;
-        s.lost_buf_size = 0;
-    } else {
-        s.lost_buf_head->before = nullptr;
-        --s.lost_buf_size;
+        case HELD_FULL:
+            break;
     }
 }
 
 void CExanicTcpFunc::_DrainHeld(TcpSession& s, uint16_t port) {
     while (s.lost_flag == 1 && s.lost_buf_head != nullptr) {
         TcpLostBuf* node = s.lost_buf_head;
-        const uint32_t seq = FrameSeq(node->buf);
+        const uint32_t seq = held_frame_seq(node);
         if (seq > s.next_expt_seq) {
             return;
         }
@@ -359,7 +299,7 @@ void CExanicTcpFunc::_DrainHeld(TcpSession& s, uint16_t port) {
                 return;
             }
         }
-        _ReleaseHead(s);
+        held_frames_release_head(Held(s));
     }
 }
 

@@ -10,6 +10,7 @@
 #include "src/config/ConfigParse.h"
 #include "src/dev/Card.h"
 #include "src/dev/ExanicDevFunc.h"
+#include "src/tcp/HeldFrames.h"
 #include "src/tcp/MdqpRecord.h"
 #include "src/tcp/thread/Thread.h"
 
@@ -17,16 +18,6 @@
 struct inter_info {
     double upper_limit_price;
     double lower_limit_price;
-};
-
-// One held out-of-order frame. The slack keeps reads of a field body near
-// the end of the frame inside the node.
-struct TcpLostBuf {
-    char buf[2048];
-    uint32_t len;
-    TcpLostBuf* next;  // toward higher sequence numbers
-    TcpLostBuf* before;
-    char slack[kMdqpReadSlack];
 };
 
 // Reassembly state of one TCP destination port.
@@ -52,7 +43,7 @@ class CExanicTcpFunc {
 public:
     static constexpr uint32_t kFragBufSize = 100000;
     static constexpr int32_t kFragLimit = 65535;
-    static constexpr uint32_t kMaxHeldFrames = 500;
+    static constexpr uint32_t kMaxHeldFrames = kHeldFramesLimit;
     static constexpr int kRoundSeconds = 120;
 
     // Seconds of the realtime clock; tests inject their own.
@@ -108,7 +99,6 @@ private:
     bool _AppendFragment(TcpSession& s, const char* data, int32_t n, uint16_t port, bool logNotMdqp);
     void _HoldFrame(TcpSession& s, const char* frame, unsigned int len, uint32_t seq);
     void _DrainHeld(TcpSession& s, uint16_t port);
-    void _ReleaseHead(TcpSession& s);
     bool _ChecksumOk(const char* ip, int hl, int seglen);
     bool _AllFinished() const;
 
