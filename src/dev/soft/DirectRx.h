@@ -8,7 +8,6 @@
 #include <sys/types.h>
 
 #include <cstdint>
-#include <cstring>
 #include <vector>
 
 #include "src/dev/RxFrame.h"
@@ -48,44 +47,3 @@ private:
     int64_t m_sentinel = -1;
     uint64_t m_lost = 0;
 };
-
-// Inline: the pair is on the path of every frame the software card delivers.
-static_assert((kRxRingChunks & (kRxRingChunks - 1)) == 0, "frame slots are indexed with a mask");
-
-inline void CSoftDirectRx::Write(const SoftFrameRef& frame) {
-    if (m_tail - m_head == kRxRingChunks) {
-        ++m_head;  // overwritten; the next read reports the lap
-        ++m_lost;
-    }
-    m_frames[m_tail++ & (kRxRingChunks - 1)] = frame;
-    m_write += rx_frame_chunks(frame.length);
-}
-
-inline ssize_t CSoftDirectRx::Read(char* buf, size_t size) {
-    if (m_read == m_write) {
-        return 0;
-    }
-    // The frame's first chunk was overwritten.
-    if (m_write - m_read > static_cast<int64_t>(kRxRingChunks)) {
-        _CatchUp();
-        return -RX_FRAME_SWOVFL;
-    }
-    const SoftFrameRef frame = m_frames[m_head++ & (kRxRingChunks - 1)];
-    m_read += rx_frame_chunks(frame.length);
-    if (frame.length > size) {
-        return -RX_FRAME_TRUNCATED;
-    }
-    // The previous frame's end was overwritten while this one was read.
-    const int64_t sentinel = m_sentinel;
-    m_sentinel = m_read - 1;
-    if (m_write - sentinel > static_cast<int64_t>(kRxRingChunks)) {
-        ++m_lost;
-        _CatchUp();
-        return -RX_FRAME_SWOVFL;
-    }
-    memcpy(buf, frame.data, frame.length);
-    if ((frame.status & RX_FRAME_ERROR_MASK) != 0) {
-        return -(frame.status & RX_FRAME_ERROR_MASK);
-    }
-    return static_cast<ssize_t>(frame.length);
-}
