@@ -12,12 +12,12 @@ The spread columns say how far identical code at other addresses moves.
   scripts/bench-compare.py --runs 5 --filter 'UdpRecvPublish' build/release/bench/udp_bench
 """
 import argparse
-import json
 import re
 import statistics
-import subprocess
 import sys
 from collections import defaultdict
+
+import benchrun
 
 
 def parse_args():
@@ -34,21 +34,8 @@ def parse_args():
 
 
 def run_once(args):
-    cmd = [args.program, f"--benchmark_filter={args.filter}",
-           f"--benchmark_repetitions={args.repetitions}",
-           "--benchmark_enable_random_interleaving=true",
-           "--benchmark_report_aggregates_only=true",
-           f"--benchmark_min_time={args.min_time}", "--benchmark_format=json"]
-    out = subprocess.run(cmd, check=True, capture_output=True, text=True).stdout
-    medians = {}
-    for b in json.loads(out)["benchmarks"]:
-        if b.get("aggregate_name") == "median":
-            if b.get("error_occurred"):
-                sys.exit(f"{b['run_name']}: {b.get('error_message', 'failed')}")
-            medians[b["run_name"]] = (b["real_time"], b["time_unit"])
-    if not medians:
-        sys.exit(f"no benchmark matched --filter={args.filter}")
-    return medians
+    return {name: (f["real_time"], f["time_unit"]) for name, f in
+            benchrun.medians(args.program, args.filter, args.repetitions, args.min_time).items()}
 
 
 def split_name(name, main):

@@ -11,7 +11,6 @@ scripts/bench.sh, which builds first.
 """
 import argparse
 import datetime
-import json
 import os
 import platform
 import re
@@ -20,6 +19,8 @@ import statistics
 import subprocess
 import sys
 import tempfile
+
+import benchrun
 
 # (path, program, benchmark, figure, baseline benchmark, baseline figure,
 #  unit, better, goal, callgrind function)
@@ -67,29 +68,11 @@ def parse_args():
 def run_program(path, names, repetitions):
     """One process: each named benchmark's median figures (time and counters)."""
     pattern = "|".join(f"^{re.escape(n)}(/iterations:1/manual_time)?$" for n in sorted(names))
-    # The whole feed logs to standard output, so the figures go to a file.
-    with tempfile.TemporaryDirectory() as work:
-        out_path = os.path.join(work, "out.json")
-        cmd = [path, f"--benchmark_filter={pattern}", f"--benchmark_repetitions={repetitions}",
-               "--benchmark_report_aggregates_only=true", f"--benchmark_out={out_path}",
-               "--benchmark_out_format=json"]
-        if "feed_bench" not in path:
-            cmd += ["--benchmark_enable_random_interleaving=true", "--benchmark_min_time=0.1"]
-        subprocess.run(cmd, check=True, capture_output=True)
-        with open(out_path) as f:
-            report = json.load(f)
-    figures = {}
-    for b in report["benchmarks"]:
-        if b.get("aggregate_name") != "median":
-            continue
-        name = b["run_name"].split("/")[0]
-        if b.get("error_occurred"):
-            sys.exit(f"{name}: {b.get('error_message', 'failed')}")
-        entry = {k: v for k, v in b.items() if isinstance(v, (int, float))}
-        unit = b.get("time_unit", "ns")
-        entry["time"] = b["real_time"] * {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[unit]
-        figures[name] = entry
-    return figures
+    # The whole feed runs once per repetition, for as long as it takes.
+    steady = "feed_bench" not in path
+    figures = benchrun.medians(path, pattern, repetitions, min_time="0.1" if steady else None,
+                               interleave=steady)
+    return {name.split("/")[0]: entry for name, entry in figures.items()}
 
 
 def callgrind_per_call(path, benchmark, function):
