@@ -1,9 +1,10 @@
 // The whole feed, in this process, replaying a session written by quvo-sim at
 // full speed: the time until the snapshot is requested and loaded, the
 // records a second through the replay and live phases, and the resident size
-// at the end; and a bare loop over the same records to read them against. A register tap timestamps the feed's
-// own register writes, so nothing is added to the feed's loops but a counter
-// behind the tap's one branch (the feed writes register 12 for every record).
+// at the end; and a bare loop over the same records to read them against. A
+// register tap timestamps the feed's own register writes, so nothing is added
+// to the feed's loops but a counter behind the tap's one branch (the feed
+// writes register 12 for every record).
 #include <benchmark/benchmark.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
@@ -119,7 +120,7 @@ double ResidentMegabytes() {
 
 void RemoveSegments(const std::string& dir) {
     for (const char* file : {"/keys/key_f", "/keys/key_e"}) {
-        for (int project : {0x52, QUVO_HEALTH_PROJ_ID}) {
+        for (int project : {QUVO_SHM_PROJ_ID, QUVO_HEALTH_PROJ_ID}) {
             const int id = shmget(ftok((dir + file).c_str(), project), 0, 0);
             if (id >= 0) {
                 shmctl(id, IPC_RMID, nullptr);

@@ -10,6 +10,7 @@
 #include "src/api/Health.h"
 #include "src/tcp/HeldFrames.h"
 #include "src/tcp/TcpChecksum.h"
+#include "src/tcp/WireLoad.h"
 
 namespace {
 
@@ -19,26 +20,8 @@ constexpr const char* kPacketHandler = "_PacketHandler";
 constexpr uint8_t kTcpFlagRst = 0x04;
 constexpr uint8_t kTcpFlagAck = 0x10;
 
-inline uint16_t Load16(const char* p) {
-    uint16_t v;
-    memcpy(&v, p, sizeof(v));
-    return v;
-}
-
-inline uint32_t Load32(const char* p) {
-    uint32_t v;
-    memcpy(&v, p, sizeof(v));
-    return v;
-}
-
 inline HeldFrames Held(TcpSession& s) {
     return HeldFrames{s.lost_buf_head, s.lost_buf_size, s.lost_flag};
-}
-
-inline MdqpHeader LoadHeader(const char* p) {
-    MdqpHeader h;
-    memcpy(&h, p, sizeof(h));
-    return h;
 }
 
 // A message start: a snapshot message header (last or not).
@@ -200,7 +183,7 @@ bool CExanicTcpFunc::_StartSession(TcpSession& s, const char* data, int32_t payl
 }
 
 bool CExanicTcpFunc::_CutMessages(TcpSession& s, const char* data, int32_t n, uint16_t port) {
-    MdqpHeader header = LoadHeader(data);
+    MdqpHeader header = WireLoad<MdqpHeader>(data);
     if (!IsMdqpHeader(header)) {
         return false;
     }
@@ -218,7 +201,7 @@ bool CExanicTcpFunc::_CutMessages(TcpSession& s, const char* data, int32_t n, ui
         if (rest < static_cast<int32_t>(sizeof(MdqpHeader))) {
             break;
         }
-        header = LoadHeader(data + pos);
+        header = WireLoad<MdqpHeader>(data + pos);
         size = header.length + static_cast<int32_t>(sizeof(MdqpHeader));
     }
     // A trailing part of a message waits in the fragment buffer.
@@ -380,7 +363,7 @@ void CExanicTcpFunc::_PacketHandler(char* frame, unsigned int len) {
 
     if (s.init == 0) {
         _InitTcpSession(s, srcHost, dstHost, ntohs(Load16(tcp)), port);
-        const MdqpHeader header = LoadHeader(data);
+        const MdqpHeader header = WireLoad<MdqpHeader>(data);
         if (payload >= 45 && header.flag == kMdqpFlagMore && header.type_id == kMdqpSnapshotType) {
             if (!_StartSession(s, data, payload, seq, port)) {
                 health_add(figures.tcp.not_start);

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "src/tcp/WireLoad.h"
+
 namespace {
 
 constexpr unsigned int kEthernetHeader = 14;
@@ -34,9 +36,7 @@ void LinkAfter(TcpLostBuf* cur, TcpLostBuf* node) {
 uint32_t held_frame_seq(const TcpLostBuf* node) {
     const char* ip = node->buf + kEthernetHeader;
     const int hl = (static_cast<uint8_t>(ip[0]) & 0x0F) * 4;
-    uint32_t seq;
-    memcpy(&seq, ip + hl + 4, sizeof(seq));
-    return ntohl(seq);
+    return ntohl(Load32(ip + hl + 4));
 }
 
 TcpLostBuf* held_frame_new(const char* frame, unsigned int len) {

@@ -6,6 +6,7 @@
 #include "public/log/CommonLog.h"
 #include "src/api/Health.h"
 #include "src/tcp/ExanicTcpFunc.h"
+#include "src/tcp/WireLoad.h"
 
 namespace {
 
@@ -16,13 +17,6 @@ inline double OrZero(double v) {
 
 inline bool IsShfe(EMdqpDataType type) {
     return type == SHFE_2PS || type == SHFE_4PS;
-}
-
-template <typename Field>
-inline Field LoadField(const char* body) {
-    Field f;
-    memcpy(&f, body, sizeof(f));
-    return f;
 }
 
 // The slot of an accepted instrument number. Negative numbers pass the
@@ -106,7 +100,7 @@ int CExanicTcpFunc::_ParseMdqp(MdqpHeader* msg, unsigned short port) {
         int32_t pos = static_cast<int32_t>(sizeof(MdqpHeader));
         uint16_t previousId = 0;
         do {
-            const FieldHeader field = LoadField<FieldHeader>(base + pos);
+            const FieldHeader field = WireLoad<FieldHeader>(base + pos);
             char* body = base + pos + sizeof(FieldHeader);
             QUVO_LOG(LOG_DEBUG_EX, "field_id: 0x%x, field_size: %u", field.field_id, field.field_size);
             switch (field.field_id) {
@@ -117,7 +111,7 @@ int CExanicTcpFunc::_ParseMdqp(MdqpHeader* msg, unsigned short port) {
                 case MDQP_FID_SKIP_1003:
                     break;
                 case MDQP_FID_INST_INFO: {
-                    InstInfoField info = LoadField<InstInfoField>(body);
+                    InstInfoField info = WireLoad<InstInfoField>(body);
                     QUVO_LOG(LOG_DEBUG_EX,
                              "inst_id: %.31s, inst_no: %d, vol_multi: %d, price_tick: %lf, codec_price: %lf",
                              info.inst_id, info.inst_no, info.volume_multiple, info.price_tick,
@@ -183,7 +177,7 @@ int CExanicTcpFunc::_ParseMdqp(MdqpHeader* msg, unsigned short port) {
                     break;
                 }
                 case MDQP_FID_DEAL_INFO: {
-                    DealInfoField deal = LoadField<DealInfoField>(body);
+                    DealInfoField deal = WireLoad<DealInfoField>(body);
                     uint32_t slot;
                     if (!_ProtectInstNo(type, deal.inst_no) || !SlotOf(type, deal.inst_no, slot)) {
                         break;
@@ -210,7 +204,7 @@ int CExanicTcpFunc::_ParseMdqp(MdqpHeader* msg, unsigned short port) {
                     break;
                 }
                 case MDQP_FID_PRICE_DETAIL: {
-                    PriceDetailField level = LoadField<PriceDetailField>(body);
+                    PriceDetailField level = WireLoad<PriceDetailField>(body);
                     uint32_t slot;
                     if (!_ProtectInstNo(type, level.inst_no) || !SlotOf(type, level.inst_no, slot)) {
                         break;
@@ -249,7 +243,7 @@ int CExanicTcpFunc::_ParseMdqp(MdqpHeader* msg, unsigned short port) {
                     break;
                 }
                 case MDQP_FID_ORDER_STATIS: {
-                    OrderStatisField stats = LoadField<OrderStatisField>(body);
+                    OrderStatisField stats = WireLoad<OrderStatisField>(body);
                     uint32_t slot;
                     if (!_ProtectInstNo(type, stats.inst_no) || !SlotOf(type, stats.inst_no, slot)) {
                         break;
@@ -265,7 +259,7 @@ int CExanicTcpFunc::_ParseMdqp(MdqpHeader* msg, unsigned short port) {
                     break;
                 }
                 case MDQP_FID_PACKET_NO: {
-                    const PacketNoField packet = LoadField<PacketNoField>(body);
+                    const PacketNoField packet = WireLoad<PacketNoField>(body);
                     if (IsShfe(type)) {
                         area.shfe_pktno = packet.packet_no;
                     } else {

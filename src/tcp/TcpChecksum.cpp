@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cstring>
 
+#include "src/tcp/WireLoad.h"
+
 #if defined(__x86_64__)
 #include <immintrin.h>
 #endif
@@ -17,24 +19,6 @@
 // same value as folding the exact sum.
 
 namespace {
-
-inline uint64_t Load64(const char* p) {
-    uint64_t v;
-    memcpy(&v, p, sizeof(v));
-    return v;
-}
-
-inline uint32_t Load32(const char* p) {
-    uint32_t v;
-    memcpy(&v, p, sizeof(v));
-    return v;
-}
-
-inline uint16_t Load16(const char* p) {
-    uint16_t v;
-    memcpy(&v, p, sizeof(v));
-    return v;
-}
 
 inline uint64_t AddWithCarry(uint64_t a, uint64_t b) {
     a += b;

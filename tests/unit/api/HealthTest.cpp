@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstring>
 #include <thread>
+#include <vector>
 
 #include "interface/quvohealthreader.h"
 #include "public/log/CommonLog.h"
@@ -236,6 +237,30 @@ TEST_F(ParseCounts, ACorruptCacheEntryIsCountedAndNamedAsTheReason) {
     EXPECT_EQ(h.cache.corrupt, 1u);
     EXPECT_EQ(h.cache.cleared, 1u);
     EXPECT_EQ(u.udp.GetFatalReason(), QUVO_RESTART_CACHE);
+}
+
+// A replayed record is counted applied by the replay when it applies, and
+// only then; the live loop counts its own.
+TEST_F(ParseCounts, AReplayedRecordCountsAsAppliedOnlyWhenItApplies) {
+    std::vector<char> area(CExanicUdpFunc::kCacheSize, 0);
+    size_t at = 0;
+    for (uint32_t changeNo : {101u, 101u, 102u}) {  // applies, stale, applies
+        const std::vector<char> record = CDecodedRecordBuilder(CUdpHarness::kShfeTopic, 7, changeNo).Build();
+        const CachedDecodeHdr header{static_cast<uint32_t>(record.size()), 0};
+        memcpy(area.data() + at, &header, sizeof(header));
+        memcpy(area.data() + at + sizeof(header), record.data(), record.size());
+        at += sizeof(header) + record.size();
+    }
+    u.cache.pCacheBuf = area.data();
+    u.cache.cachedCount = 3;
+    EXPECT_EQ(u.udp.ProcessCached(), 1);
+    EXPECT_EQ(h.records.applied, 1u);
+    EXPECT_EQ(u.udp.ProcessCached(), 0);
+    EXPECT_EQ(h.records.applied, 1u);
+    EXPECT_EQ(h.records.stale, 1u);
+    EXPECT_EQ(u.udp.ProcessCached(), 1);
+    EXPECT_EQ(h.records.applied, 2u);
+    EXPECT_EQ(h.cache.replayed, 3u);
 }
 
 // The live loop's figures, driven as the loop drives them: UdpRecv counts an
