@@ -92,10 +92,14 @@ const std::string& SessionDir() {
                 exit(1);
             }
         }
-        std::ofstream(path + "/feed.ini")
-            << "[config]\ndevice = replay:raw=" << path << "/raw.pcap,decoded=" << path
-            << "/decoded.pcap,exit=0.2\ninsts = all\nshfe2ps = enabled\nine2ps = enabled\ncpucore = -1\n"
-               "log_level = 1\n";
+        // feed-live.ini holds the records until the snapshot is loaded, so
+        // that they all go through the live loop.
+        for (const auto& [name, extra] : {std::pair{"feed.ini", ""}, std::pair{"feed-live.ini", ",hold=1"}}) {
+            std::ofstream(path + "/" + name)
+                << "[config]\ndevice = replay:raw=" << path << "/raw.pcap,decoded=" << path
+                << "/decoded.pcap,exit=0.2" << extra
+                << "\ninsts = all\nshfe2ps = enabled\nine2ps = enabled\ncpucore = -1\nlog_level = 1\n";
+        }
         setenv("QUVO_KEY_DIR", (path + "/keys").c_str(), 1);
         return path;
     }();
@@ -129,7 +133,7 @@ void RemoveSegments(const std::string& dir) {
     }
 }
 
-void BM_FeedReplay(benchmark::State& state) {
+void RunFeed(benchmark::State& state, const char* config) {
     const std::string& dir = SessionDir();
     signal(SIGINT, Stop);
     for (auto _ : state) {
@@ -137,7 +141,7 @@ void BM_FeedReplay(benchmark::State& state) {
         g_registerTap.store(&tap, std::memory_order_relaxed);
         g_running = 1;
         const int64_t startNs = monotonic_ns();
-        const int result = quvo_recv((dir + "/feed.ini").c_str(), &g_running);
+        const int result = quvo_recv((dir + "/" + config).c_str(), &g_running);
         g_registerTap.store(nullptr, std::memory_order_relaxed);
         if (result != 0 || tap.snapshotDoneNs == 0 || tap.lastSampleNs <= tap.snapshotDoneNs) {
             state.SkipWithError("the feed did not load the snapshot and apply records");
@@ -171,7 +175,18 @@ void BM_FeedReplay(benchmark::State& state) {
     }
     RemoveSegments(dir);
 }
+
+void BM_FeedReplay(benchmark::State& state) {
+    RunFeed(state, "feed.ini");
+}
 BENCHMARK(BM_FeedReplay)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// The same session with the records held until the snapshot is loaded: the
+// cache is empty and every record is read and applied in the live loop.
+void BM_FeedLive(benchmark::State& state) {
+    RunFeed(state, "feed-live.ini");
+}
+BENCHMARK(BM_FeedLive)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 // The bare loop the live phase is read against: the same decoded capture
 // through the software card, each record's instrument touched and announced,

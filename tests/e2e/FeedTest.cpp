@@ -189,6 +189,17 @@ TEST_F(FeedE2E, ReplayWithRecordAndTcpFaults) {
     CheckBooks(SubscriptionRules{}, 0);
 }
 
+// Held until the snapshot is loaded, the records find the cache empty and are
+// all applied live, each one announced.
+TEST_F(FeedE2E, ReplayHeldUntilTheSnapshotIsAppliedLive) {
+    Simulate({"--records=30000", "--shfe=200", "--ine=60", "--seed=31"});
+    const std::string log =
+        RunFeed(Config(ReplayDevice(",hold=1"), "insts = all\nshfe2ps = enabled\nine2ps = enabled\n"));
+    EXPECT_EQ(count_of(log, "initialization completed"), 1u) << log;
+    EXPECT_EQ(count_of(log, "process decode buffer 0 frames"), 1u) << log;
+    CheckBooks(SubscriptionRules{}, 10000);
+}
+
 // The software card's figures as quvo-md leaves them: one line per port.
 class SoftCardStats {
 public:

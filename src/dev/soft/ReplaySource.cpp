@@ -43,7 +43,15 @@ bool parse_replay_options(const std::string& text, ReplayOptions& options, std::
         if (key == "exit") {
             return ParseSeconds(key, value, options.exitSeconds, why);
         }
-        why = "unknown replay option '" + key + "' (expected raw, decoded, speed, exit)";
+        if (key == "hold") {
+            if (value != "0" && value != "1") {
+                why = "bad value '" + value + "' for replay option hold: expected 0 or 1";
+                return false;
+            }
+            options.hold = value == "1";
+            return true;
+        }
+        why = "unknown replay option '" + key + "' (expected raw, decoded, speed, exit, hold)";
         return false;
     };
     if (!for_each_device_option(text, "replay", apply, error)) {
@@ -135,6 +143,9 @@ std::unique_ptr<CReplaySource> CReplaySource::Open(const std::string& text, vola
             origin = frames.front().timeNs;
         }
         capture.port.Load(std::move(bytes), std::move(frames));
+    }
+    if (options.hold) {
+        source->m_port0.HoldUntilStreamCycled(REG_ORIG_DATA);
     }
     source->m_clock.SetOrigin(origin == std::numeric_limits<int64_t>::max() ? 0 : origin);
     return source;

@@ -1,4 +1,4 @@
-// The replay source of the software card: "replay:raw=FILE,decoded=FILE[,speed=X][,exit=S]".
+// The replay source of the software card: "replay:raw=FILE,decoded=FILE[,speed=X][,exit=S][,hold=1]".
 #pragma once
 
 #include <memory>
@@ -13,6 +13,7 @@ struct ReplayOptions {
     std::string decoded;  // pcap of decoded records, delivered on port 0
     double speed = 0;
     double exitSeconds = -1;  // negative: never raise SIGINT
+    bool hold = false;        // decoded frames wait until the raw stream has been on and off
 };
 
 // Parses the text after "replay:". Returns false with `error` saying which

@@ -28,6 +28,21 @@ bool CSoftPort::MarkFrame(size_t index, uint8_t status) {
     return true;
 }
 
+void CSoftPort::HoldUntilStreamCycled(uint32_t streamRegister) {
+    m_holdRegister = streamRegister;
+    m_hold = HOLD_UNTIL_ON;
+}
+
+bool CSoftPort::_HoldReleased() {
+    const bool on = __atomic_load_n(&m_pRegisters[m_holdRegister], __ATOMIC_RELAXED) == 1;
+    if (m_hold == HOLD_UNTIL_ON && on) {
+        m_hold = HOLD_UNTIL_OFF;
+    } else if (m_hold == HOLD_UNTIL_OFF && !on) {
+        m_hold = HOLD_NONE;
+    }
+    return m_hold == HOLD_NONE;
+}
+
 void CSoftPort::Rewind() {
     m_next = 0;
     m_exhausted.store(m_frames.empty(), std::memory_order_relaxed);

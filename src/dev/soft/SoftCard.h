@@ -48,6 +48,9 @@ public:
     // a frame that failed its CRC check or was aborted by the sender. False
     // when there is no such frame.
     bool MarkFrame(size_t index, uint8_t status);
+    // Delivers nothing until `streamRegister` has been seen on and then off:
+    // the records of a session arrive only after its snapshot was taken.
+    void HoldUntilStreamCycled(uint32_t streamRegister);
 
     // The next frame, once its capture time has come when paced. A frame
     // whose stream register is not 1 when it arrives is dropped. Frame bytes
@@ -59,8 +62,13 @@ public:
     bool IsIdle() const;
 
 private:
+    enum EHold : uint8_t { HOLD_NONE, HOLD_UNTIL_ON, HOLD_UNTIL_OFF };
+    bool _HoldReleased();
+
     volatile uint32_t* m_pRegisters;
     uint32_t m_streamRegister;
+    uint32_t m_holdRegister = 0;
+    EHold m_hold = HOLD_NONE;
     CReplayClock& m_refClock;
     std::vector<char> m_data;
     std::vector<SoftFrame> m_frames;
@@ -70,6 +78,9 @@ private:
 
 inline ESoftNext CSoftPort::Next(SoftFrameRef& out) {
     if (m_next == m_frames.size()) {
+        return SOFT_NEXT_NONE;
+    }
+    if (m_hold != HOLD_NONE && !_HoldReleased()) [[unlikely]] {
         return SOFT_NEXT_NONE;
     }
     const SoftFrame& frame = m_frames[m_next];

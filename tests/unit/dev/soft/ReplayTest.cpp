@@ -126,6 +126,25 @@ TEST_F(ReplayTest, FramesAreDeliveredOnlyWhileTheirStreamIsOn) {
     EXPECT_EQ(card->GetFigures(1).frames, 2u);
 }
 
+TEST_F(ReplayTest, HeldDecodedFramesWaitUntilTheRawStreamWasOnAndOff) {
+    const std::string rawPath = WritePcap("raw.pcap", DLT_EN10MB, true, {{kT0, "r1"}});
+    const std::string decodedPath = WritePcap("d.pcap", DLT_EN10MB, true, {{kT0, "d1"}, {kT0, "d2"}});
+    ASSERT_TRUE(Open("raw=" + rawPath + ",decoded=" + decodedPath + ",hold=1"));
+    reg_write(m_registers, REG_DECODE_DATA, 1);
+    EXPECT_EQ(Next(0), "<0>");  // raw stream not yet on
+    reg_write(m_registers, REG_ORIG_DATA, 1);
+    EXPECT_EQ(Next(0), "<0>");  // raw stream on: the snapshot is being taken
+    EXPECT_EQ(Next(1), "r1");
+    EXPECT_EQ(Next(0), "<0>");
+    reg_write(m_registers, REG_ORIG_DATA, 0);
+    EXPECT_EQ(Next(0), "d1");  // held frames were not dropped, only delayed
+    reg_write(m_registers, REG_ORIG_DATA, 1);
+    EXPECT_EQ(Next(0), "d2");  // released once for good
+    CSoftCard* card = card_get_soft_card(m_handle);
+    EXPECT_EQ(card->GetFigures(0).dropped, 0u);
+    EXPECT_EQ(card->GetFigures(0).frames, 2u);
+}
+
 TEST_F(ReplayTest, FrameOfNoBytesIsDroppedAndTheNextComesThrough) {
     // The ring cannot carry an empty frame, so neither delivery path does.
     const std::string decodedPath = WritePcap("d.pcap", DLT_EN10MB, true, {{kT0, ""}, {kT0, "d2"}});
@@ -254,12 +273,13 @@ TEST_F(ReplayTest, InitDevReportsAnUnreadableCapture) {
 TEST(ReplayOptionsTest, ParsesEveryKey) {
     ReplayOptions options;
     std::string error;
-    ASSERT_TRUE(parse_replay_options("raw=/a/r.pcap,decoded=d.pcap,speed=2.5,exit=3", options, error))
+    ASSERT_TRUE(parse_replay_options("raw=/a/r.pcap,decoded=d.pcap,speed=2.5,exit=3,hold=1", options, error))
         << error;
     EXPECT_EQ(options.raw, "/a/r.pcap");
     EXPECT_EQ(options.decoded, "d.pcap");
     EXPECT_EQ(options.speed, 2.5);
     EXPECT_EQ(options.exitSeconds, 3);
+    EXPECT_TRUE(options.hold);
 }
 
 TEST(ReplayOptionsTest, DefaultsToUnpacedAndNoExit) {
@@ -268,11 +288,14 @@ TEST(ReplayOptionsTest, DefaultsToUnpacedAndNoExit) {
     ASSERT_TRUE(parse_replay_options("raw=r.pcap", options, error));
     EXPECT_EQ(options.speed, 0);
     EXPECT_LT(options.exitSeconds, 0);
+    EXPECT_FALSE(options.hold);
 }
 
 TEST(ReplayOptionsTest, RefusesBadOptionsSayingWhich) {
     const std::vector<std::pair<std::string, std::string>> cases = {
-        {"raw=r.pcap,colour=red", "unknown replay option 'colour' (expected raw, decoded, speed, exit)"},
+        {"raw=r.pcap,colour=red",
+         "unknown replay option 'colour' (expected raw, decoded, speed, exit, hold)"},
+        {"raw=r.pcap,hold=yes", "bad value 'yes' for replay option hold: expected 0 or 1"},
         {"raw=r.pcap,speed=fast", "bad value 'fast' for replay option speed: expected a number >= 0"},
         {"raw=r.pcap,speed=-1", "bad value '-1' for replay option speed: expected a number >= 0"},
         {"raw=r.pcap,exit=", "bad value '' for replay option exit: expected a number >= 0"},
