@@ -23,7 +23,7 @@ bool parse_replay_options(const std::string& text, ReplayOptions& options, std::
 // Reads every packet of a pcap file (microsecond or nanosecond) into `bytes`
 // and `frames`. With `requireEthernet` the file's link type must be Ethernet.
 // Returns false with `error` naming the file and libpcap's reason.
-bool load_pcap(const std::string& path, bool requireEthernet, std::vector<char>& bytes,
+bool load_pcap(const std::string& path, bool requireEthernet, CFrameBytes& bytes,
                std::vector<SoftFrame>& frames, std::string& error);
 
 // Both captures, read into memory when the card is opened, so the receive

@@ -1,11 +1,14 @@
 #include "src/dev/soft/SoftCard.h"
 
+#include <sys/mman.h>
+
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <utility>
 
 #include "src/dev/soft/ReplayClock.h"
 #include "src/dev/soft/ReplaySource.h"
@@ -13,7 +16,35 @@
 CSoftPort::CSoftPort(volatile uint32_t* registers, uint32_t streamRegister, CReplayClock& clock)
     : m_pRegisters(registers), m_streamRegister(streamRegister), m_refClock(clock) {}
 
-void CSoftPort::Load(std::vector<char> bytes, std::vector<SoftFrame> frames) {
+CFrameBytes CFrameBytes::Mapped(void* address, size_t size) {
+    CFrameBytes bytes;
+    bytes.m_pMapping = address;
+    bytes.m_mappingSize = size;
+    bytes.m_pData = static_cast<const char*>(address);
+    return bytes;
+}
+
+CFrameBytes& CFrameBytes::operator=(CFrameBytes&& other) noexcept {
+    if (this != &other) {
+        _Unmap();
+        const bool copied = other.m_pMapping == nullptr;
+        m_copy = std::move(other.m_copy);
+        m_pMapping = std::exchange(other.m_pMapping, nullptr);
+        m_mappingSize = std::exchange(other.m_mappingSize, 0);
+        m_pData = copied ? m_copy.data() : static_cast<const char*>(m_pMapping);
+        other.m_pData = nullptr;
+    }
+    return *this;
+}
+
+void CFrameBytes::_Unmap() {
+    if (m_pMapping != nullptr) {
+        munmap(m_pMapping, m_mappingSize);
+        m_pMapping = nullptr;
+    }
+}
+
+void CSoftPort::Load(CFrameBytes bytes, std::vector<SoftFrame> frames) {
     m_data = std::move(bytes);
     m_frames = std::move(frames);
     m_next = 0;

@@ -35,13 +35,39 @@ struct SoftFrame {
     uint8_t status = 0;  // hardware frame status to deliver it with
 };
 
+// The bytes a port's frames point into: a copy in memory, or a capture file
+// mapped read-only (a file cut short while it is mapped ends the process).
+class CFrameBytes {
+public:
+    CFrameBytes() = default;
+    explicit CFrameBytes(std::vector<char> copy) : m_copy(std::move(copy)), m_pData(m_copy.data()) {}
+    // Takes over a mapping made with mmap.
+    static CFrameBytes Mapped(void* address, size_t size);
+    CFrameBytes(CFrameBytes&& other) noexcept { *this = std::move(other); }
+    CFrameBytes& operator=(CFrameBytes&& other) noexcept;
+    ~CFrameBytes() { _Unmap(); }
+
+    const char* Data() const { return m_pData; }
+
+private:
+    void _Unmap();
+
+    std::vector<char> m_copy;
+    void* m_pMapping = nullptr;
+    size_t m_mappingSize = 0;
+    const char* m_pData = nullptr;
+};
+
 // Captured frames of one port of a replay. Only the thread that polls the
 // port moves its cursor; the idle state is read by others.
 class CSoftPort {
 public:
     CSoftPort(volatile uint32_t* registers, uint32_t streamRegister, CReplayClock& clock);
 
-    void Load(std::vector<char> bytes, std::vector<SoftFrame> frames);
+    void Load(CFrameBytes bytes, std::vector<SoftFrame> frames);
+    void Load(std::vector<char> bytes, std::vector<SoftFrame> frames) {
+        Load(CFrameBytes(std::move(bytes)), std::move(frames));
+    }
     // Starts the frames over from the first; for looping benchmarks.
     void Rewind();
     // Frame `index` is delivered with a hardware status, as the card reports
@@ -70,7 +96,7 @@ private:
     uint32_t m_holdRegister = 0;
     EHold m_hold = HOLD_NONE;
     CReplayClock& m_refClock;
-    std::vector<char> m_data;
+    CFrameBytes m_data;
     std::vector<SoftFrame> m_frames;
     size_t m_next = 0;
     std::atomic<bool> m_exhausted{true};
@@ -95,7 +121,7 @@ inline ESoftNext CSoftPort::Next(SoftFrameRef& out) {
     if (__atomic_load_n(&m_pRegisters[m_streamRegister], __ATOMIC_RELAXED) != 1) {
         return SOFT_NEXT_DROPPED;
     }
-    out.data = m_data.data() + frame.offset;
+    out.data = m_data.Data() + frame.offset;
     out.length = frame.length;
     out.status = frame.status;
     out.timestamp = static_cast<uint32_t>(frame.timeNs);
