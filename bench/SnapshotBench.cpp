@@ -1,6 +1,7 @@
 // Snapshot decoding throughput: a full table of 20480 instruments with five
 // levels per side, as TCP frames through the packet handler into the area.
 // Built six times into one program, as UdpBench is (see there).
+#include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <immintrin.h>
 
@@ -10,6 +11,7 @@
 #include "public/log/CommonLog.h"
 #include "sim/MdqpBuilder.h"
 #include "src/tcp/TcpChecksum.h"
+#include "src/tcp/WireLoad.h"
 #include "tests/support/TcpHarness.h"
 
 #ifdef QUVO_BENCHMARK_SUFFIX
@@ -96,6 +98,26 @@ void BM_FullSnapshotThroughPacketHandler(benchmark::State& state) {
 }
 QUVO_BENCHMARK(BM_FullSnapshotThroughPacketHandler)->Unit(benchmark::kMillisecond);
 
+// The closing check alone, over the full table the snapshot leaves behind.
+void BM_PriceCheckFullTable(benchmark::State& state) {
+    CCommonLog::GetInstance().SetLogLevel(LOG_ERROR);
+    CTcpHarness h;
+    Snapshot snap;
+    AddFeed(snap, 1000, CTcpHarness::kPort2ps, QUVO_SHFE_MAX_INST_CNT, 'c');
+    AddFeed(snap, 5000, CTcpHarness::kPort4ps, QUVO_INE_MAX_INST_CNT, 's');
+    for (size_t i = 0; i < snap.frames.size(); ++i) {
+        CExanicTcpFuncTestAccess::PacketHandler(*h.tcp, snap.frames[i].data(), snap.lengths[i]);
+    }
+    for (auto _ : state) {
+        if (h.tcp->ShfePriceCheck() != 0) {
+            state.SkipWithError("the table fails the check");
+            break;
+        }
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * QUVO_INST_SLOTS);
+}
+QUVO_BENCHMARK(BM_PriceCheckFullTable)->Unit(benchmark::kMicrosecond);
+
 void BM_TcpChecksum(benchmark::State& state) {
     CTcpHarness h;
     const std::vector<char> payload(1448, 'x');
@@ -108,6 +130,126 @@ void BM_TcpChecksum(benchmark::State& state) {
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * seglen);
 }
 QUVO_BENCHMARK(BM_TcpChecksum);
+
+#ifndef QUVO_BENCHMARK_SUFFIX
+
+// The floor for the same frames: what no decoder of this stream can skip.
+// Unavoidable: each segment's checksum, one copy of its payload to join the
+// messages that span segments, and one store of every field's values into
+// its slot (record, limits, price tables); no header checks, sessions, field
+// checks, subscription, book search or closing check.
+void BM_SnapshotBare(benchmark::State& state) {
+    CTcpHarness h;
+    Snapshot snap;
+    AddFeed(snap, 1000, CTcpHarness::kPort2ps, QUVO_SHFE_MAX_INST_CNT, 'c');
+    AddFeed(snap, 5000, CTcpHarness::kPort4ps, QUVO_INE_MAX_INST_CNT, 's');
+    share& area = *h.area;
+    PriceCalcInfo& calc = *h.calc;
+    std::vector<inter_info> limits(QUVO_INST_SLOTS);
+    std::vector<char> joined(CExanicTcpFunc::kFragBufSize + kMdqpReadSlack, 0);
+    uint32_t checksums = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        memset(static_cast<void*>(&area), 0, sizeof(area));
+        memset(static_cast<void*>(&calc), 0, sizeof(calc));
+        memset(static_cast<void*>(limits.data()), 0, limits.size() * sizeof(inter_info));
+        state.ResumeTiming();
+        size_t held = 0;
+        for (size_t i = 0; i < snap.frames.size(); ++i) {
+            const char* ip = snap.frames[i].data() + 14;
+            const char* tcp = ip + 20;
+            const size_t seglen = snap.lengths[i] - 34;
+            checksums += tcp_segment_checksum(ip, tcp, seglen);
+            const bool ine = Load16(tcp + 2) == htons(CTcpHarness::kPort4ps);
+            memcpy(joined.data() + held, tcp + 20, seglen - 20);
+            held += seglen - 20;
+            size_t at = 0;
+            while (held - at >= sizeof(MdqpHeader)) {
+                const MdqpHeader header = WireLoad<MdqpHeader>(joined.data() + at);
+                const size_t size = header.length + sizeof(MdqpHeader);
+                if (size > held - at) {
+                    break;
+                }
+                int bids = 0;
+                int asks = 0;
+                for (size_t pos = at + sizeof(MdqpHeader); pos < at + size;) {
+                    const FieldHeader field = WireLoad<FieldHeader>(joined.data() + pos);
+                    const char* body = joined.data() + pos + sizeof(FieldHeader);
+                    pos += sizeof(FieldHeader) + field.field_size;
+                    const int32_t instNo = WireLoad<int32_t>(body);
+                    const uint32_t slot = ine ? quvo_ine_slot(static_cast<uint32_t>(instNo))
+                                              : quvo_shfe_slot(static_cast<uint32_t>(instNo));
+                    if (field.field_id != MDQP_FID_PRICE_DETAIL) {
+                        bids = asks = 0;
+                    }
+                    switch (field.field_id) {
+                        case MDQP_FID_INST_INFO: {
+                            const InstInfoField info = WireLoad<InstInfoField>(body);
+                            const uint32_t infoSlot =
+                                ine ? quvo_ine_slot(static_cast<uint32_t>(info.inst_no))
+                                    : quvo_shfe_slot(static_cast<uint32_t>(info.inst_no));
+                            memcpy(area.instmts[infoSlot].inst_id, info.inst_id, 15);
+                            calc.priceTick[infoSlot] = info.price_tick;
+                            calc.codecPrice[infoSlot] = info.codec_price;
+                            calc.volumeMulti[infoSlot] = info.volume_multiple;
+                            break;
+                        }
+                        case MDQP_FID_DEAL_INFO: {
+                            const DealInfoField deal = WireLoad<DealInfoField>(body);
+                            instrument& inst = area.instmts[slot];
+                            inst.last_px = deal.last_price;
+                            inst.turnover = deal.turnover;
+                            inst.change_no = static_cast<uint32_t>(deal.change_no);
+                            inst.update_milli_sec = static_cast<uint16_t>(deal.update_mill_sec);
+                            inst.open_interest = deal.open_interest;
+                            inst.volume = static_cast<uint32_t>(deal.volume);
+                            inst.highest_price = deal.highest_price;
+                            inst.lowest_price = deal.lowest_price;
+                            limits[slot] = inter_info{deal.upper_limit_price, deal.lower_limit_price};
+                            break;
+                        }
+                        case MDQP_FID_PRICE_DETAIL: {
+                            const PriceDetailField level = WireLoad<PriceDetailField>(body);
+                            instrument& inst = area.instmts[slot];
+                            if (level.direction == '0') {
+                                inst.bid_px[bids] = level.price;
+                                inst.bid_vol[bids++] = level.volume;
+                            } else {
+                                inst.ask_px[asks] = level.price;
+                                inst.ask_vol[asks++] = level.volume;
+                            }
+                            break;
+                        }
+                        case MDQP_FID_ORDER_STATIS: {
+                            const OrderStatisField stats = WireLoad<OrderStatisField>(body);
+                            instrument& inst = area.instmts[slot];
+                            inst.bid_totvol = stats.bid_totvol;
+                            inst.ask_totvol = stats.ask_totvol;
+                            inst.bid_totamount = stats.bid_totamount;
+                            inst.ask_totamount = stats.ask_totamount;
+                            break;
+                        }
+                        default:
+                            break;
+                    }
+                }
+                at += size;
+            }
+            memmove(joined.data(), joined.data() + at, held - at);
+            held -= at;
+        }
+        if (area.instmts[QUVO_INST_SLOTS - 1].ask_vol[4] != 14 || limits[0].upper_limit_price != 6000.0) {
+            state.SkipWithError("snapshot did not complete");
+            break;
+        }
+    }
+    benchmark::DoNotOptimize(checksums);
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * snap.payloadBytes));
+    state.counters["frames"] = static_cast<double>(snap.frames.size());
+}
+BENCHMARK(BM_SnapshotBare)->Unit(benchmark::kMillisecond);
+
+#endif
 
 // The checksum unit itself is the same code in every copy, so it is measured
 // once, on a 1460-byte segment, beside a plain read of the same bytes.
