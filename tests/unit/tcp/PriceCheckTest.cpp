@@ -323,6 +323,48 @@ TEST_F(PriceCheckTest, IneFailureIsReturnedWhenShfePasses) {
     EXPECT_EQ(DumpHead(), "inst_id [sc2501]upper[110.000000]lower[90.000000]");
 }
 
+// The walk screens instruments before the full check; both must agree on
+// every identifier form, including text after the first NUL and at the
+// sixteenth byte, and on every kind of book.
+TEST_F(PriceCheckTest, WalkAgreesWithTheSingleInstrumentCheck) {
+    const std::vector<std::string> ids = {
+        std::string("cu2501"),
+        std::string("cu2501TAS"),
+        std::string("al2501-al2502"),
+        std::string("cu\0TAS", 6),
+        std::string("cu\0-2501", 7),
+        std::string("abcdefghijklmTAS"),
+        std::string("abcdefghijklmnTA"),
+        std::string("abcdefghijklmno-"),
+        std::string("TA\0S", 4),
+        std::string(""),
+        std::string("-"),
+        std::string("TASTAS"),
+    };
+    const std::vector<std::pair<std::vector<Px>, std::vector<Px>>> books = {
+        {{}, {}},
+        {{{101, 1}, {102, 2}}, {{100, 1}, {99, 3}}},
+        {{{100, 1}}, {{100, 1}}},
+        {{{100, 1}}, {{101, 0}}},
+        {{{0.0, 5}}, {{-1, 1}}},
+        {{{120, 1}}, {{100, 1}}},
+        {{kEmpty, {103, 1}}, {{100, 1}, kEmpty, {98, 2}}},
+    };
+    for (const std::string& id : ids) {
+        for (const auto& [asks, bids] : books) {
+            instrument inst = Book("", asks, bids);
+            memcpy(inst.inst_id, id.data(), id.size());
+            const int single = Check(inst, 110, 90);
+            const std::string singleLog = m_out;
+            Put(0, inst, 110, 90);
+            h.area->shfe_inst_cnt = 1;
+            EXPECT_EQ(CheckAll(), single) << id;
+            EXPECT_EQ(log_messages(m_out, "[W]", "CheckPrice"), log_messages(singleLog, "[W]", "CheckPrice"));
+            EXPECT_EQ(Dump(), log_messages(singleLog, "[E]", "ShfeInstPriceCheck"));
+        }
+    }
+}
+
 TEST_F(PriceCheckTest, ShieldedWalkContinuesPastEveryFailureAndReturnsZero) {
     Put(0, Book("cu2501", {{100, 1}}, {{100, 1}}), 110, 90);
     Put(1, Book("cu2502", {{101, 1}}, {{100, 1}}), 110, 90);
