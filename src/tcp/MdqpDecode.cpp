@@ -19,17 +19,6 @@ inline bool IsShfe(EMdqpDataType type) {
     return type == SHFE_2PS || type == SHFE_4PS;
 }
 
-// The slot of an accepted instrument number. Negative numbers pass the
-// number check but have no slot; their fields are skipped.
-inline bool SlotOf(EMdqpDataType type, int32_t instNo, uint32_t& slot) {
-    if (instNo < 0) {
-        return false;
-    }
-    slot = IsShfe(type) ? quvo_shfe_slot(static_cast<uint32_t>(instNo))
-                        : quvo_ine_slot(static_cast<uint32_t>(instNo));
-    return true;
-}
-
 // strncpy of at most 15 characters: the rest of the 15 is zero-padded and the
 // sixteenth byte is left as it was.
 inline void CopyId(unsigned char* dst, const char* src) {
@@ -86,6 +75,23 @@ int CExanicTcpFunc::_ParseMdqp(MdqpHeader* msg, unsigned short port) {
 
     const ExanicMdConfigData& cfg = m_refConfigData;
     share& area = *m_pShareMem;
+    CCommonLog& log = CCommonLog::GetInstance();
+    // The number check of the message's feed as one unsigned compare, which
+    // also refuses the negative numbers that have no slot; a refused number
+    // goes through _ProtectInstNo for its warning, and its field is skipped.
+    const bool shfe = IsShfe(type);
+    const uint32_t instLimit = shfe                                 ? QUVO_SHFE_MAX_INST_CNT
+                               : type == INE_2PS || type == INE_4PS ? QUVO_INE_MAX_INST_CNT
+                                                                    : 0;
+    const auto accepted = [&](int32_t instNo, uint32_t& slot) {
+        if (__builtin_expect(static_cast<uint32_t>(instNo) < instLimit, 1)) {
+            slot = shfe ? quvo_shfe_slot(static_cast<uint32_t>(instNo))
+                        : quvo_ine_slot(static_cast<uint32_t>(instNo));
+            return true;
+        }
+        _ProtectInstNo(type, instNo);
+        return false;
+    };
     quvo_health_feed* feed = type >= 0 && type < QUVO_HEALTH_FEEDS ? &health().snapshot.feeds[type] : nullptr;
     if (feed != nullptr) {
         const uint64_t bytes = uint64_t{header.length} + sizeof(MdqpHeader);
@@ -102,7 +108,8 @@ int CExanicTcpFunc::_ParseMdqp(MdqpHeader* msg, unsigned short port) {
         do {
             const FieldHeader field = WireLoad<FieldHeader>(base + pos);
             char* body = base + pos + sizeof(FieldHeader);
-            QUVO_LOG(LOG_DEBUG_EX, "field_id: 0x%x, field_size: %u", field.field_id, field.field_size);
+            QUVO_LOG_TO(log, LOG_DEBUG_EX, "field_id: 0x%x, field_size: %u", field.field_id,
+                        field.field_size);
             switch (field.field_id) {
                 case MDQP_FID_SKIP_0031:
                 case MDQP_FID_SKIP_0032:
@@ -121,11 +128,11 @@ int CExanicTcpFunc::_ParseMdqp(MdqpHeader* msg, unsigned short port) {
                         break;
                     }
                     uint32_t slot;
-                    if (!_ProtectInstNo(type, info.inst_no) || !SlotOf(type, info.inst_no, slot)) {
+                    if (!accepted(info.inst_no, slot)) {
                         break;
                     }
                     uint32_t addrRegister;
-                    if (IsShfe(type)) {
+                    if (shfe) {
                         if (info.inst_no >= area.shfe_inst_cnt) {
                             area.shfe_inst_cnt = info.inst_no + 1;
                             if (area.shfe_inst_cnt > 12800 && shfe_cnt_80_flag) {
@@ -177,9 +184,9 @@ int CExanicTcpFunc::_ParseMdqp(MdqpHeader* msg, unsigned short port) {
                     break;
                 }
                 case MDQP_FID_DEAL_INFO: {
-                    DealInfoField deal = WireLoad<DealInfoField>(body);
+                    const DealInfoField deal = WireLoad<DealInfoField>(body);
                     uint32_t slot;
-                    if (!_ProtectInstNo(type, deal.inst_no) || !SlotOf(type, deal.inst_no, slot)) {
+                    if (!accepted(deal.inst_no, slot)) {
                         break;
                     }
                     if (!_IsSubscribed(static_cast<int>(slot))) {
@@ -204,9 +211,9 @@ int CExanicTcpFunc::_ParseMdqp(MdqpHeader* msg, unsigned short port) {
                     break;
                 }
                 case MDQP_FID_PRICE_DETAIL: {
-                    PriceDetailField level = WireLoad<PriceDetailField>(body);
+                    const PriceDetailField level = WireLoad<PriceDetailField>(body);
                     uint32_t slot;
-                    if (!_ProtectInstNo(type, level.inst_no) || !SlotOf(type, level.inst_no, slot)) {
+                    if (!accepted(level.inst_no, slot)) {
                         break;
                     }
                     if (!_IsSubscribed(static_cast<int>(slot))) {
@@ -243,9 +250,9 @@ int CExanicTcpFunc::_ParseMdqp(MdqpHeader* msg, unsigned short port) {
                     break;
                 }
                 case MDQP_FID_ORDER_STATIS: {
-                    OrderStatisField stats = WireLoad<OrderStatisField>(body);
+                    const OrderStatisField stats = WireLoad<OrderStatisField>(body);
                     uint32_t slot;
-                    if (!_ProtectInstNo(type, stats.inst_no) || !SlotOf(type, stats.inst_no, slot)) {
+                    if (!accepted(stats.inst_no, slot)) {
                         break;
                     }
                     if (!_IsSubscribed(static_cast<int>(slot))) {
@@ -260,7 +267,7 @@ int CExanicTcpFunc::_ParseMdqp(MdqpHeader* msg, unsigned short port) {
                 }
                 case MDQP_FID_PACKET_NO: {
                     const PacketNoField packet = WireLoad<PacketNoField>(body);
-                    if (IsShfe(type)) {
+                    if (shfe) {
                         area.shfe_pktno = packet.packet_no;
                     } else {
                         area.ine_pktno = packet.packet_no;
