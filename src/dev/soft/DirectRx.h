@@ -24,6 +24,9 @@ public:
     // waits, -RX_FRAME_SWOVFL after a lap (every waiting frame lost),
     // -RX_FRAME_TRUNCATED (frame consumed) or a frame's hardware error status.
     ssize_t Read(char* buf, size_t size);
+    // Write(frame) then Read(buf, size) on a drained buffer, with the same
+    // results and state, in one call.
+    ssize_t Pass(const SoftFrameRef& frame, char* buf, size_t size);
     // A reader starts after the last frame written, as on acquisition.
     void Attach();
     // The reader has taken everything written.

@@ -212,6 +212,9 @@ public:
     // then one read as the card library's receive call (see CSoftDirectRx).
     ssize_t ReceiveDirect(int port, char* buf, size_t size) {
         CSoftDirectRx& buffer = m_direct[port];
+        if (!m_paced && buffer.IsDrained()) {
+            return _PassDirect(port, buffer, buf, size);
+        }
         const bool arrived = _Arrive(port, buffer, buffer.IsDrained());
         if (m_paced && arrived && buffer.GetPending() >= kRxRingChunks) {
             _Count(m_overruns[port]);
@@ -303,6 +306,24 @@ private:
             }
         }
         return arrived;
+    }
+    // An unpaced source's frame arrives only once the reader has taken the
+    // last, and is read at once: written and read in one step.
+    ssize_t _PassDirect(int port, CSoftDirectRx& buffer, char* buf, size_t size) {
+        SoftFrameRef frame;
+        CSoftPort* replayPort = m_replayPorts[port];
+        const ESoftNext next = replayPort != nullptr ? replayPort->Next(frame) : m_source->Next(port, frame);
+        ssize_t n = 0;
+        if (next == SOFT_NEXT_FRAME && frame.length > 0) {
+            _Count(m_frames[port]);
+            n = buffer.Pass(frame, buf, size);
+        } else if (next != SOFT_NEXT_NONE) {
+            _Count(m_dropped[port]);
+        }
+        if (__builtin_expect(m_exitSeconds >= 0, 0)) {
+            _WatchForExit(next == SOFT_NEXT_FRAME && frame.length > 0, port);
+        }
+        return n;
     }
     static void _Write(CSoftDirectRx& buffer, const SoftFrameRef& frame) {
         buffer.Write(frame);
