@@ -53,8 +53,6 @@ ROWS = [
      "BM_FeedReplay", "resident_mb_at_end", None, None, "MB", "lower", None, None),
     ("resident size one whole-feed run leaves behind", "feed_bench",
      "BM_FeedReplay", "resident_mb_growth", None, None, "MB", "lower", None, None),
-    ("heap one whole-feed run leaves behind", "feed_bench",
-     "BM_FeedReplay", "heap_kb_growth", None, None, "KB", "lower", None, None),
 ]
 
 SCALE = {"ns": 1.0, "ms": 1.0, "M records/s": 1e-6, "GB/s": 1e-9, "MB": 1.0, "KB": 1.0}
