@@ -4,7 +4,7 @@
 
 #include "public/log/CommonLog.h"
 #include "src/api/Health.h"
-#include "src/api/InstrumentId.h"
+#include "src/udp/BookCheck.h"
 
 namespace {
 
@@ -41,11 +41,6 @@ inline void SetLevel(char* rec, const BookSide& side, int level, double px, int3
     StoreAt(rec, side.volOffset + 4 * static_cast<size_t>(level), vol);
 }
 
-// The volume test comes first: it settles the common, non-empty case.
-inline bool IsEmptyLevel(double px, int32_t vol) {
-    return vol <= 0 && px > -1e-5 && px < 1e-5;
-}
-
 // A record copied in 16-byte moves: the restore image is taken for every
 // applied record, and a string move costs more than the copy itself here.
 inline void CopyRecord(char* dst, const char* src) {
@@ -58,6 +53,64 @@ inline void CopyRecord(char* dst, const char* src) {
     }
 }
 
+// What a record changed, to put its instrument back when the book fails the
+// checks: the stamps always; the old level of each level update while there
+// are few; otherwise the whole record, taken before its first other change.
+// Put back in the reverse order of keeping, the stamps last. Each field is
+// read at the width it is written, so that the read is served from the store
+// buffer.
+class CRecordUndo {
+public:
+    explicit CRecordUndo(const instrument& inst)
+        : m_updateTime(inst.update_time),
+          m_updateMilliSec(inst.update_milli_sec),
+          m_changeNo(inst.change_no) {}
+    bool CanKeepLevel() const { return m_levels < m_levelRoom; }
+    void KeepLevel(const char* rec, size_t pxAt, size_t volAt) {
+        LevelImage& level = m_level[m_levels++];
+        level.px = LoadAt<double>(rec, pxAt);
+        level.vol = LoadAt<int32_t>(rec, volAt);
+        level.pxAt = static_cast<uint16_t>(pxAt);
+        level.volAt = static_cast<uint16_t>(volAt);
+    }
+    void KeepRecord(const char* rec) {
+        if (m_levelRoom != 0) {
+            CopyRecord(m_record, rec);
+            m_levelRoom = 0;
+        }
+    }
+    void Restore(char* rec) const {
+        if (m_levelRoom == 0) {
+            CopyRecord(rec, m_record);
+        }
+        for (uint32_t k = m_levels; k-- > 0;) {
+            StoreAt(rec, m_level[k].pxAt, m_level[k].px);
+            StoreAt(rec, m_level[k].volAt, m_level[k].vol);
+        }
+        instrument& inst = *reinterpret_cast<instrument*>(rec);
+        inst.update_time = m_updateTime;
+        inst.update_milli_sec = m_updateMilliSec;
+        inst.change_no = m_changeNo;
+    }
+
+private:
+    static constexpr uint32_t kLevelRoom = 8;
+    struct LevelImage {
+        double px;
+        int32_t vol;
+        uint16_t pxAt;
+        uint16_t volAt;
+    };
+
+    alignas(16) char m_record[sizeof(instrument)];
+    uint32_t m_updateTime;
+    uint16_t m_updateMilliSec;
+    uint32_t m_changeNo;
+    LevelImage m_level[kLevelRoom];
+    uint32_t m_levels = 0;
+    uint32_t m_levelRoom = kLevelRoom;
+};
+
 inline int32_t WrappingAdd(int32_t a, int32_t b) {
     return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
 }
@@ -67,6 +120,23 @@ constexpr const char* kParseMirp = "_ParseMirp";
 
 // Identifiers are printed bounded: a slot's 16 bytes need not end in a NUL.
 #define QUVO_ID(inst) static_cast<int>(sizeof((inst).inst_id)), reinterpret_cast<const char*>((inst).inst_id)
+
+[[gnu::cold, gnu::noinline]] void ReportBookFault(const instrument& inst) {
+    const book_fault fault = find_book_fault(inst);
+    const int i = fault.level;
+    if (fault.kind == BOOK_FAULT_BID) {
+        QUVO_LOG_AS(kParseMirp, LOG_DEBUG_EX,
+                    "bad mirp bid: bid[%d]=%.2f <= bid[%d]=%.2f, inst=%.*s, restore", i, inst.bid_px[i],
+                    i + 1, inst.bid_px[i + 1], QUVO_ID(inst));
+    } else if (fault.kind == BOOK_FAULT_ASK) {
+        QUVO_LOG_AS(kParseMirp, LOG_DEBUG_EX,
+                    "bad mirp ask: ask[%d]=%.2f >= ask[%d]=%.2f, inst=%.*s, restore", i, inst.ask_px[i],
+                    i + 1, inst.ask_px[i + 1], QUVO_ID(inst));
+    } else {
+        QUVO_LOG_AS(kParseMirp, LOG_DEBUG_EX, "bad mirp crossed: bid1=%.2f >= ask1=%.2f, inst=%.*s, restore",
+                    inst.bid_px[0], inst.ask_px[0], QUVO_ID(inst));
+    }
+}
 
 }  // namespace
 
@@ -212,10 +282,20 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
     MarketDataIncreField incre;
     memcpy(&header, buf, sizeof(header));
     memcpy(&incre, buf + sizeof(header), sizeof(incre));
-    QUVO_LOG(LOG_DEBUG_EX, "topicID: 0x%x, snapMillisec: %u, snapTime: %u, packetNo: %u", header.topicID,
-             header.snapMillisec, header.snapTime, static_cast<uint32_t>(header.packetNo));
-    QUVO_LOG(LOG_DEBUG_EX, "fieldID: 0x%x, instrumentNo: %u, changeNo: %u", incre.fieldID, incre.instrumentNo,
-             incre.changeNo);
+    // The level cannot change within a record: its per-record lines are
+    // tested once.
+    const bool verbose = (CCommonLog::GetInstance().GetLogLevel() & LOG_DEBUG_EX) != 0;
+    if (__builtin_expect(verbose, 0)) {
+        QUVO_LOG(LOG_DEBUG_EX, "topicID: 0x%x, snapMillisec: %u, snapTime: %u, packetNo: %u", header.topicID,
+                 header.snapMillisec, header.snapTime, static_cast<uint32_t>(header.packetNo));
+        QUVO_LOG(LOG_DEBUG_EX, "fieldID: 0x%x, instrumentNo: %u, changeNo: %u", incre.fieldID,
+                 incre.instrumentNo, incre.changeNo);
+    }
+
+    // Book writes go through char pointers, which may alias the members:
+    // what the rest needs is read first.
+    share* const area = m_pShareMem;
+    const PriceCalcInfo& calc = m_refCalcInfo;
 
     // Configured ids are signed 16-bit: one above 0x7FFF never matches.
     const int topic = header.topicID;
@@ -234,7 +314,7 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
         }
         slot = quvo_shfe_slot(incre.instrumentNo);
         m_refInstNo = slot;
-        m_pShareMem->shfe_pktno = header.packetNo;
+        area->shfe_pktno = header.packetNo;
         exchangeType = 0;
     } else if (topic == cfg.ine2ps_topic_id || topic == cfg.ine4ps_topic_id) {
         if (incre.instrumentNo > QUVO_INE_MAX_INST_CNT - 1) {
@@ -248,7 +328,7 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
         }
         slot = quvo_ine_slot(incre.instrumentNo);
         m_refInstNo = slot;
-        m_pShareMem->ine_pktno = header.packetNo;
+        area->ine_pktno = header.packetNo;
         exchangeType = 1;
     } else {
         QUVO_LOG(LOG_ERROR, "unsupported topicID: 0x%x", header.topicID);
@@ -257,12 +337,14 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
         return -1;
     }
 
-    instrument& inst = m_pShareMem->instmts[slot];
     // Book writes address the whole shared area, so a move past a slot's last
     // array stays inside it (for slot 20479, in the counters after the table).
-    char* rec = reinterpret_cast<char*>(m_pShareMem) + slot * sizeof(instrument);
-    QUVO_LOG(LOG_DEBUG_EX, "snap instrumentID: %.*s, changeNo: %d", QUVO_ID(inst),
-             static_cast<int>(inst.change_no));
+    char* rec = reinterpret_cast<char*>(area) + slot * sizeof(instrument);
+    instrument& inst = *reinterpret_cast<instrument*>(rec);
+    if (__builtin_expect(verbose, 0)) {
+        QUVO_LOG(LOG_DEBUG_EX, "snap instrumentID: %.*s, changeNo: %d", QUVO_ID(inst),
+                 static_cast<int>(inst.change_no));
+    }
 
     // Option instruments are recognised by an id longer than six characters.
     if (inst.inst_id[0] == 0) {
@@ -303,89 +385,110 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
         return -1;
     }
 
-    alignas(instrument) char restore[sizeof(instrument)];
-    CopyRecord(restore, rec);
+    // What is needed to put the instrument back should its book fail the checks.
+    CRecordUndo undo(inst);
 
     inst.update_time = header.snapTime;
     inst.update_milli_sec = header.snapMillisec;
     inst.change_no = incre.changeNo;
 
-    const double tick = m_refCalcInfo.priceTick[slot];
-    const double codec = m_refCalcInfo.codecPrice[slot];
-    const double multi = static_cast<double>(m_refCalcInfo.volumeMulti[slot]);
+    const double tick = calc.priceTick[slot];
+    const double codec = calc.codecPrice[slot];
     uint8_t bidDepth = 5;
     uint8_t askDepth = 5;
 
     char* cursor = buf + kDecodedRecordMinLen;
     uint32_t remaining = len - kDecodedRecordMinLen;
     while (remaining > 2) {
-        uint16_t fieldId;
-        memcpy(&fieldId, cursor, sizeof(fieldId));
-        QUVO_LOG(LOG_DEBUG_EX, "fieldID: 0x%x", fieldId);
+        const uint16_t fieldId = LoadAt<uint16_t>(cursor, 0);
+        if (__builtin_expect(verbose, 0)) {
+            QUVO_LOG(LOG_DEBUG_EX, "fieldID: 0x%x", fieldId);
+        }
         uint32_t size;
-        switch (fieldId) {
-            case FID_PRICE_CHANGE:
-                size = sizeof(PriceChangeField);
-                if (remaining >= size) {
-                    PriceChangeField field;
-                    memcpy(&field, cursor, size);
+        if (__builtin_expect(fieldId == FID_PRICE_CHANGE, 1)) {
+            size = sizeof(PriceChangeField);
+            if (remaining >= size) {
+                PriceChangeField field;
+                memcpy(&field, cursor, size);
+                const uint32_t i = static_cast<uint8_t>(field.priceLevel - 1);
+                if (field.eventType == PRICE_EVENT_UPDATE && i <= 9 && field.mdEntryType <= MD_ENTRY_ASK &&
+                    undo.CanKeepLevel()) {
+                    const size_t ask = field.mdEntryType;
+                    const size_t pxAt = kBid.pxOffset + (kAsk.pxOffset - kBid.pxOffset) * ask + 8 * i;
+                    const size_t volAt = kBid.volOffset + (kAsk.volOffset - kBid.volOffset) * ask + 4 * i;
+                    undo.KeepLevel(rec, pxAt, volAt);
+                    StoreAt(rec, pxAt, static_cast<double>(field.priceOffset) * tick + codec);
+                    StoreAt(rec, volAt, static_cast<int32_t>(field.volume));
+                } else {
+                    undo.KeepRecord(rec);
                     _ApplyPriceChange(rec, field, tick, codec, bidDepth, askDepth);
                 }
-                break;
-            case FID_DEAL_SUMMARY:
-                size = sizeof(DealSummaryField);
-                if (remaining >= size) {
-                    DealSummaryField field;
-                    memcpy(&field, cursor, size);
-                    inst.last_px = static_cast<double>(field.lastPriceOffset) * tick + codec;
-                    inst.volume += static_cast<uint32_t>(field.volumeChange);
-                    inst.open_interest += static_cast<double>(field.openInterestChange);
-                    inst.turnover += (static_cast<double>(field.volumeChange) * codec +
-                                      static_cast<double>(field.turnoverOffset) * tick) *
-                                     multi;
-                }
-                break;
-            case FID_BUY_STATICS:
-                size = sizeof(BuyStaticsField);
-                if (remaining >= size) {
-                    BuyStaticsField field;
-                    memcpy(&field, cursor, size);
-                    inst.bid_totvol = WrappingAdd(inst.bid_totvol, field.bidVolumeChange);
-                    inst.bid_totamount += (static_cast<double>(field.bidVolumeChange) * codec +
-                                           static_cast<double>(field.bidAmountOffset) * tick) *
-                                          multi;
-                }
-                break;
-            case FID_SELL_STATICS:
-                size = sizeof(SellStaticsField);
-                if (remaining >= size) {
-                    SellStaticsField field;
-                    memcpy(&field, cursor, size);
-                    inst.ask_totvol = WrappingAdd(inst.ask_totvol, field.askVolumeChange);
-                    inst.ask_totamount += (static_cast<double>(field.askVolumeChange) * codec +
-                                           static_cast<double>(field.askAmountOffset) * tick) *
-                                          multi;
-                }
-                break;
-            case FID_HIGHEST_PRICE:
-                size = sizeof(HighestPriceField);
-                if (remaining >= size) {
-                    HighestPriceField field;
-                    memcpy(&field, cursor, size);
-                    inst.highest_price = static_cast<double>(field.highPriceOffset) * tick + codec;
-                }
-                break;
-            case FID_LOWEST_PRICE:
-                size = sizeof(LowestPriceField);
-                if (remaining >= size) {
-                    LowestPriceField field;
-                    memcpy(&field, cursor, size);
-                    inst.lowest_price = static_cast<double>(field.lowPriceOffset) * tick + codec;
-                }
-                break;
-            default:
-                size = UINT32_MAX;
-                break;
+            }
+        } else {
+            switch (fieldId) {
+                case FID_DEAL_SUMMARY:
+                    size = sizeof(DealSummaryField);
+                    if (remaining >= size) {
+                        DealSummaryField field;
+                        memcpy(&field, cursor, size);
+                        undo.KeepRecord(rec);
+                        const double multi = static_cast<double>(calc.volumeMulti[slot]);
+                        inst.last_px = static_cast<double>(field.lastPriceOffset) * tick + codec;
+                        inst.volume += static_cast<uint32_t>(field.volumeChange);
+                        inst.open_interest += static_cast<double>(field.openInterestChange);
+                        inst.turnover += (static_cast<double>(field.volumeChange) * codec +
+                                          static_cast<double>(field.turnoverOffset) * tick) *
+                                         multi;
+                    }
+                    break;
+                case FID_BUY_STATICS:
+                    size = sizeof(BuyStaticsField);
+                    if (remaining >= size) {
+                        BuyStaticsField field;
+                        memcpy(&field, cursor, size);
+                        undo.KeepRecord(rec);
+                        const double multi = static_cast<double>(calc.volumeMulti[slot]);
+                        inst.bid_totvol = WrappingAdd(inst.bid_totvol, field.bidVolumeChange);
+                        inst.bid_totamount += (static_cast<double>(field.bidVolumeChange) * codec +
+                                               static_cast<double>(field.bidAmountOffset) * tick) *
+                                              multi;
+                    }
+                    break;
+                case FID_SELL_STATICS:
+                    size = sizeof(SellStaticsField);
+                    if (remaining >= size) {
+                        SellStaticsField field;
+                        memcpy(&field, cursor, size);
+                        undo.KeepRecord(rec);
+                        const double multi = static_cast<double>(calc.volumeMulti[slot]);
+                        inst.ask_totvol = WrappingAdd(inst.ask_totvol, field.askVolumeChange);
+                        inst.ask_totamount += (static_cast<double>(field.askVolumeChange) * codec +
+                                               static_cast<double>(field.askAmountOffset) * tick) *
+                                              multi;
+                    }
+                    break;
+                case FID_HIGHEST_PRICE:
+                    size = sizeof(HighestPriceField);
+                    if (remaining >= size) {
+                        HighestPriceField field;
+                        memcpy(&field, cursor, size);
+                        undo.KeepRecord(rec);
+                        inst.highest_price = static_cast<double>(field.highPriceOffset) * tick + codec;
+                    }
+                    break;
+                case FID_LOWEST_PRICE:
+                    size = sizeof(LowestPriceField);
+                    if (remaining >= size) {
+                        LowestPriceField field;
+                        memcpy(&field, cursor, size);
+                        undo.KeepRecord(rec);
+                        inst.lowest_price = static_cast<double>(field.lowPriceOffset) * tick + codec;
+                    }
+                    break;
+                default:
+                    size = UINT32_MAX;
+                    break;
+            }
         }
         if (size > remaining) {
             // Not a rejection: what was applied stays and the checks still run.
@@ -399,40 +502,20 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
 
     // Only the exchange's five published levels are checked; the report is
     // deliberately at the most verbose level, and TAS instruments are exempt.
-    int badBid = -1;
-    int badAsk = -1;
-    for (int i = 0; i < 4 && badBid < 0; ++i) {
-        if (!IsEmptyLevel(Px(rec, kBid, i), Vol(rec, kBid, i)) &&
-            !IsEmptyLevel(Px(rec, kBid, i + 1), Vol(rec, kBid, i + 1)) &&
-            Px(rec, kBid, i + 1) >= Px(rec, kBid, i)) {
-            badBid = i;
-        }
-    }
-    for (int i = 0; i < 4 && badBid < 0 && badAsk < 0; ++i) {
-        if (!IsEmptyLevel(Px(rec, kAsk, i), Vol(rec, kAsk, i)) &&
-            !IsEmptyLevel(Px(rec, kAsk, i + 1), Vol(rec, kAsk, i + 1)) &&
-            Px(rec, kAsk, i) >= Px(rec, kAsk, i + 1)) {
-            badAsk = i;
-        }
-    }
-    const double bid1 = Px(rec, kBid, 0);
-    const double ask1 = Px(rec, kAsk, 0);
-    const bool crossed = badBid < 0 && badAsk < 0 && !IsEmptyLevel(bid1, Vol(rec, kBid, 0)) &&
-                         !IsEmptyLevel(ask1, Vol(rec, kAsk, 0)) && bid1 >= ask1;
-    if (__builtin_expect(badBid < 0 && badAsk < 0 && !crossed, 1) || is_tas_instrument(inst)) {
+    const EBookVerdict verdict = quick_book_verdict(inst);
+    if (__builtin_expect(verdict == BOOK_SOUND, 1)) {
         return 1;
     }
-    if (badBid >= 0) {
-        QUVO_LOG(LOG_DEBUG_EX, "bad mirp bid: bid[%d]=%.2f <= bid[%d]=%.2f, inst=%.*s, restore", badBid,
-                 Px(rec, kBid, badBid), badBid + 1, Px(rec, kBid, badBid + 1), QUVO_ID(inst));
-    } else if (badAsk >= 0) {
-        QUVO_LOG(LOG_DEBUG_EX, "bad mirp ask: ask[%d]=%.2f >= ask[%d]=%.2f, inst=%.*s, restore", badAsk,
-                 Px(rec, kAsk, badAsk), badAsk + 1, Px(rec, kAsk, badAsk + 1), QUVO_ID(inst));
-    } else {
-        QUVO_LOG(LOG_DEBUG_EX, "bad mirp crossed: bid1=%.2f >= ask1=%.2f, inst=%.*s, restore", bid1, ask1,
-                 QUVO_ID(inst));
+    if (verdict == BOOK_UNDECIDED && find_book_fault(inst).kind == BOOK_FAULT_NONE) {
+        return 1;
     }
-    CopyRecord(rec, restore);
+    if (inst_id_has_tas(inst)) {
+        return 1;
+    }
+    if (__builtin_expect(verbose, 0)) {
+        ReportBookFault(inst);
+    }
+    undo.Restore(rec);
     health_note(&quvo_health_records::restored);
     return 0;
 }
@@ -465,7 +548,7 @@ void CExanicUdpFunc::_ApplyPriceChange(char* rec, const PriceChangeField& field,
 
     switch (field.eventType) {
         case PRICE_EVENT_INSERT: {
-            if (!IsEmptyLevel(Px(rec, side, i), Vol(rec, side, i)) && level <= depth) {
+            if (!book_level_empty(Px(rec, side, i), Vol(rec, side, i)) && level <= depth) {
                 // The first move lands at index depth: past the tenth level at depth 10.
                 for (int j = depth; j >= level; --j) {
                     SetLevel(rec, side, j, Px(rec, side, j - 1), Vol(rec, side, j - 1));
@@ -473,7 +556,7 @@ void CExanicUdpFunc::_ApplyPriceChange(char* rec, const PriceChangeField& field,
             }
             // An insert into an empty fifth level fills the published view
             // without growing it.
-            const bool fillsEmptyFifth = level == 5 && IsEmptyLevel(Px(rec, side, 4), Vol(rec, side, 4));
+            const bool fillsEmptyFifth = level == 5 && book_level_empty(Px(rec, side, 4), Vol(rec, side, 4));
             SetLevel(rec, side, i, price, vol);
             if (!fillsEmptyFifth && depth < 10) {
                 ++depth;

@@ -1,9 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
+#include <limits>
+#include <string>
 
 #include "public/log/CommonLog.h"
 #include "sim/DecodedRecordBuilder.h"
+#include "src/api/InstrumentId.h"
+#include "src/udp/BookCheck.h"
 #include "tests/support/LogLines.h"
 #include "tests/support/StdoutCapture.h"
 #include "tests/support/UdpHarness.h"
@@ -422,6 +428,114 @@ TEST_F(ParseMirpTest, MisorderedAsksAreRestored) {
     EXPECT_EQ(Parse(record), 0);
     EXPECT_EQ(memcmp(&inst, &before, sizeof(instrument)), 0);
     EXPECT_EQ(Logged("[X]").back(), "bad mirp ask: ask[3]=1002.50 >= ask[4]=1001.00, inst=cu2501, restore");
+}
+
+TEST_F(ParseMirpTest, RestoreUndoesManyUpdatesToOneLevelInOrder) {
+    instrument& inst = AddBookedInstrument();
+    const instrument before = inst;
+    CDecodedRecordBuilder record(CUdpHarness::kShfeTopic, 7, 101, 99999, 9);
+    for (int k = 0; k < 12; ++k) {
+        record.Update(kBid, 1, -k, 7 + k).Update(kAsk, 10, 30 + k, 9 + k);
+    }
+    record.Update(kBid, 1, 20, 1);
+    EXPECT_EQ(Parse(record), 0);
+    EXPECT_EQ(memcmp(&inst, &before, sizeof(instrument)), 0);
+}
+
+TEST_F(ParseMirpTest, RestoreUndoesUpdatesThenStatisticsThenShiftsThenUpdates) {
+    instrument& inst = AddBookedInstrument();
+    inst.volume = 5;
+    inst.bid_totvol = 100;
+    const instrument before = inst;
+    CDecodedRecordBuilder record(CUdpHarness::kShfeTopic, 7, 101, 99999, 9);
+    record.Update(kBid, 2, -1, 3).Update(kAsk, 2, 3, 4).Deal(1, 10, 50, 7).BuyStatics(4, 2);
+    record.Insert(kBid, 1, 1, 2).Delete(kAsk, 3).Update(kBid, 4, -6, 8).High(9).Low(-9);
+    record.Update(kAsk, 1, -1, 1);  // 999.5 under the best bid
+    EXPECT_EQ(Parse(record), 0);
+    EXPECT_EQ(memcmp(&inst, &before, sizeof(instrument)), 0);
+}
+
+TEST_F(ParseMirpTest, RestoreUndoesATenthLevelBidInsertReachingTheAskVolumes) {
+    instrument& inst = AddBookedInstrument();
+    for (int i = 5; i < 10; ++i) {
+        inst.bid_px[i] = 1000.0 - 0.5 * i;
+        inst.bid_vol[i] = i + 1;
+    }
+    const instrument before = inst;
+    CDecodedRecordBuilder record(CUdpHarness::kShfeTopic, 7, 101);
+    for (int k = 0; k < 6; ++k) {
+        record.Insert(kBid, 10, -30, 1);
+    }
+    record.Update(kBid, 1, 20, 1);
+    EXPECT_EQ(Parse(record), 0);
+    EXPECT_EQ(memcmp(&inst, &before, sizeof(instrument)), 0);
+}
+
+TEST_F(ParseMirpTest, QuickBookVerdictAgreesWithTheLevelByLevelChecks) {
+    // Prices around the empty band and its edges, volumes either side of zero.
+    const double prices[] = {0.0,
+                             -0.0,
+                             1e-6,
+                             -1e-6,
+                             1e-5,
+                             -1e-5,
+                             999.5,
+                             1000.0,
+                             1000.5,
+                             1001.0,
+                             std::numeric_limits<double>::quiet_NaN()};
+    const int32_t volumes[] = {-1, 0, 1, 7};
+    uint64_t state = 12345;
+    const auto next = [&state](uint32_t bound) {
+        state = state * 6364136223846793005ull + 1442695040888963407ull;
+        return static_cast<uint32_t>(state >> 33) % bound;
+    };
+    instrument inst{};
+    int decided = 0;
+    for (int n = 0; n < 200000; ++n) {
+        for (int i = 0; i < 5; ++i) {
+            inst.bid_px[i] = prices[next(std::size(prices))];
+            inst.ask_px[i] = prices[next(std::size(prices))];
+            // Mostly positive volumes, so that the quick verdict often decides.
+            inst.bid_vol[i] = next(8) != 0 ? volumes[2 + next(2)] : volumes[next(2)];
+            inst.ask_vol[i] = next(8) != 0 ? volumes[2 + next(2)] : volumes[next(2)];
+        }
+        const bool faulty = find_book_fault(inst).kind != BOOK_FAULT_NONE;
+        const EBookVerdict verdict = quick_book_verdict(inst);
+        bool allPositive = true;
+        for (int i = 0; i < 5; ++i) {
+            allPositive = allPositive && inst.bid_vol[i] > 0 && inst.ask_vol[i] > 0;
+        }
+        if (allPositive) {
+            ASSERT_EQ(verdict, faulty ? BOOK_FAULTY : BOOK_SOUND) << "book " << n;
+            ++decided;
+        } else {
+            ASSERT_TRUE(verdict == BOOK_UNDECIDED || (verdict == BOOK_SOUND && !faulty)) << "book " << n;
+        }
+    }
+    EXPECT_GT(decided, 10000);
+}
+
+TEST_F(ParseMirpTest, TasTestAgreesWithTheInstrumentIdHelper) {
+    // "TAS", a part of it, or nothing, at every position, cut by a NUL at
+    // every position (or none) in an id of every filler.
+    const std::string pieces[] = {"TAS", "TA", "AS", "T", "TTAS", "TAAS", ""};
+    for (const char filler : {'x', 'T', 'A', 'S'}) {
+        for (const std::string& piece : pieces) {
+            for (size_t at = 0; at <= 16; ++at) {
+                for (size_t nul = 0; nul <= 16; ++nul) {
+                    instrument inst{};
+                    memset(inst.inst_id, filler, sizeof(inst.inst_id));
+                    memcpy(inst.inst_id + at, piece.data(), std::min(piece.size(), 16 - at));
+                    if (nul < 16) {
+                        inst.inst_id[nul] = 0;
+                    }
+                    ASSERT_EQ(inst_id_has_tas(inst), is_tas_instrument(inst))
+                        << "filler " << filler << " piece " << piece << " at " << at << " nul " << nul;
+                }
+            }
+        }
+    }
 }
 
 TEST_F(ParseMirpTest, LevelsBelowTheFifthAreNotChecked) {
