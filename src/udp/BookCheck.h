@@ -54,6 +54,7 @@ inline book_fault find_book_fault(const instrument& inst) {
 enum EBookVerdict { BOOK_SOUND, BOOK_FAULTY, BOOK_UNDECIDED };
 
 inline EBookVerdict quick_book_verdict(const instrument& inst) {
+#pragma GCC unroll 5
     for (int i = 0; i < 5; ++i) {
         if (__builtin_expect(inst.bid_vol[i] <= 0 || inst.ask_vol[i] <= 0, 0)) {
             return BOOK_UNDECIDED;

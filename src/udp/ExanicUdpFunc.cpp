@@ -408,18 +408,23 @@ int CExanicUdpFunc::_ParseMirp(char* buf, uint32_t len) {
         if (__builtin_expect(fieldId == FID_PRICE_CHANGE, 1)) {
             size = sizeof(PriceChangeField);
             if (remaining >= size) {
-                PriceChangeField field;
-                memcpy(&field, cursor, size);
-                const uint32_t i = static_cast<uint8_t>(field.priceLevel - 1);
-                if (field.eventType == PRICE_EVENT_UPDATE && i <= 9 && field.mdEntryType <= MD_ENTRY_ASK &&
-                    undo.CanKeepLevel()) {
-                    const size_t ask = field.mdEntryType;
-                    const size_t pxAt = kBid.pxOffset + (kAsk.pxOffset - kBid.pxOffset) * ask + 8 * i;
-                    const size_t volAt = kBid.volOffset + (kAsk.volOffset - kBid.volOffset) * ask + 4 * i;
+                // The common level update is applied here, reading only the
+                // bytes it needs; the rest goes through _ApplyPriceChange.
+                const uint8_t event = LoadAt<uint8_t>(cursor, offsetof(PriceChangeField, eventType));
+                const uint8_t entry = LoadAt<uint8_t>(cursor, offsetof(PriceChangeField, mdEntryType));
+                const uint32_t i =
+                    static_cast<uint8_t>(LoadAt<uint8_t>(cursor, offsetof(PriceChangeField, priceLevel)) - 1);
+                if (event == PRICE_EVENT_UPDATE && i <= 9 && entry <= MD_ENTRY_ASK && undo.CanKeepLevel()) {
+                    const BookSide& side = entry == MD_ENTRY_BID ? kBid : kAsk;
+                    const size_t pxAt = side.pxOffset + 8 * i;
+                    const size_t volAt = side.volOffset + 4 * i;
                     undo.KeepLevel(rec, pxAt, volAt);
-                    StoreAt(rec, pxAt, static_cast<double>(field.priceOffset) * tick + codec);
-                    StoreAt(rec, volAt, static_cast<int32_t>(field.volume));
+                    const int32_t offset = LoadAt<int32_t>(cursor, offsetof(PriceChangeField, priceOffset));
+                    StoreAt(rec, pxAt, static_cast<double>(offset) * tick + codec);
+                    StoreAt(rec, volAt, LoadAt<int32_t>(cursor, offsetof(PriceChangeField, volume)));
                 } else {
+                    PriceChangeField field;
+                    memcpy(&field, cursor, size);
                     undo.KeepRecord(rec);
                     _ApplyPriceChange(rec, field, tick, codec, bidDepth, askDepth);
                 }
