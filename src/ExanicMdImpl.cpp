@@ -56,8 +56,10 @@ extern "C" int quvo_recv(const char* config_path, int* running) {
         QUVO_LOG(LOG_ERROR, "failed to allocate the decode buffer");
         return Fail();
     }
-    // Its pages are mapped beside the rest of the start (about 100 ms of page
-    // faults for 200 MiB), so that caching frames seldom takes a fault.
+    // Its pages are mapped beside the rest of the start and the replay and
+    // live phases (about 100 ms of page faults for 200 MiB), so that caching
+    // frames seldom takes a fault. The mapping stands still while the
+    // snapshot is taken: the snapshot's two threads busy-poll.
     cacheArea.StartMapping();
     ExanicMdConfigData config;
     UEnableMask enabledMask{};
@@ -99,7 +101,7 @@ extern "C" int quvo_recv(const char* config_path, int* running) {
             return Fail();
         }
 
-        cacheArea.WaitMapped();
+        cacheArea.PauseMapping();
         dev.StartDecodeData();
         dev.StartOrigData();
         dev.StartAllIne();
@@ -115,6 +117,7 @@ extern "C" int quvo_recv(const char* config_path, int* running) {
         }
         tcp->StopRunning();
         decoder.join();
+        cacheArea.ResumeMapping();
         if (tcp->GetInitialized() == -1) {
             return Fail();  // the process is expected to end; nothing is released
         }

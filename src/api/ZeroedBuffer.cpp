@@ -10,9 +10,9 @@
 
 namespace {
 
-// Small enough that a stop is seen quickly, large enough that the calls cost
-// nothing next to the faults they take.
-constexpr size_t kStep = 4u << 20;
+// Small enough that a pause or a stop is seen within a fraction of a
+// millisecond, large enough that the calls cost nothing next to the faults.
+constexpr size_t kStep = 1u << 20;
 constexpr size_t kPage = 4096;
 
 bool Populate(char* data, size_t size) {
@@ -38,7 +38,11 @@ CZeroedBuffer::CZeroedBuffer(size_t size, bool allowBackground)
 }
 
 CZeroedBuffer::~CZeroedBuffer() {
-    m_stop.store(true, std::memory_order_relaxed);
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_stop = true;
+    }
+    m_changed.notify_all();
     if (m_thread.joinable()) {
         m_thread.join();
     }
@@ -66,7 +70,19 @@ void CZeroedBuffer::_Map() {
     // The page before the first whole one holds the heap's own header and is
     // mapped already.
     char* const end = m_pData + m_size;
-    for (char* at = _PageAligned(); at < end && !m_stop.load(std::memory_order_relaxed); at += kStep) {
+    for (char* at = _PageAligned(); at < end; at += kStep) {
+        {
+            std::unique_lock<std::mutex> lock(m_mutex);
+            if (m_pauseAsked && !m_stop) {
+                m_parked = true;
+                m_changed.notify_all();
+                m_changed.wait(lock, [this] { return !m_pauseAsked || m_stop; });
+                m_parked = false;
+            }
+            if (m_stop) {
+                break;
+            }
+        }
         const size_t length = std::min<size_t>(kStep, static_cast<size_t>(end - at));
         if (m_background) {
             Populate(at, length);
@@ -77,12 +93,29 @@ void CZeroedBuffer::_Map() {
             zeroFill(at, 0, length);
         }
     }
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_done = true;
+    }
+    m_changed.notify_all();
 }
 
-void CZeroedBuffer::WaitMapped() {
+void CZeroedBuffer::PauseMapping() {
     if (!m_background) {
         WaitAllMapped();
+        return;
     }
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_pauseAsked = true;
+    m_changed.wait(lock, [this] { return m_parked || m_done || !m_thread.joinable(); });
+}
+
+void CZeroedBuffer::ResumeMapping() {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_pauseAsked = false;
+    }
+    m_changed.notify_all();
 }
 
 void CZeroedBuffer::WaitAllMapped() {

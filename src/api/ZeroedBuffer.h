@@ -1,8 +1,9 @@
 // A large zeroed heap buffer whose pages are mapped ahead of use.
 #pragma once
 
-#include <atomic>
+#include <condition_variable>
 #include <cstddef>
+#include <mutex>
 #include <thread>
 
 class CZeroedBuffer {
@@ -18,14 +19,17 @@ public:
     char* data() const { return m_pData; }
     size_t size() const { return m_size; }
 
-    // Starts mapping every page. Where the kernel can map pages without
-    // writing them, a thread does it while the buffer is already in use and
-    // WaitMapped() returns at once; elsewhere the thread writes the zeros,
-    // and WaitMapped() must come before the first write.
+    // Starts mapping every page on a thread. Where the kernel can map pages
+    // without writing them, the buffer may be used meanwhile; elsewhere the
+    // thread writes the zeros, and PauseMapping() must come before the
+    // first write.
     void StartMapping();
-    // Returns once no thread may still write the buffer.
-    void WaitMapped();
-    // Waits for the whole mapping, however it is done; for tests.
+    // Returns once the mapping thread is parked or done, so that it takes
+    // nothing from the caller's threads; where it writes zeros, once it is
+    // done.
+    void PauseMapping();
+    void ResumeMapping();
+    // Waits for the whole mapping; for tests.
     void WaitAllMapped();
     bool MapsInBackground() const { return m_background; }
 
@@ -37,6 +41,11 @@ private:
     size_t m_size;
     bool m_allowBackground;
     bool m_background = false;
-    std::atomic<bool> m_stop{false};
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_stop = false;
+    bool m_pauseAsked = false;
+    bool m_parked = false;
+    bool m_done = false;
     std::thread m_thread;
 };

@@ -4,8 +4,10 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -50,13 +52,13 @@ TEST_P(ZeroedBufferTest, EveryByteReadsZeroAndEveryPageIsMapped) {
     EXPECT_EQ(PagesNotMapped(buffer), 0u);
 }
 
-// What is written once WaitMapped has returned stays, however far the
-// mapping has got.
+// What is written once PauseMapping has returned stays, however far the
+// mapping has got and whether or not it goes on meanwhile.
 TEST_P(ZeroedBufferTest, WritesAfterWaitMappedAreKept) {
     CZeroedBuffer buffer(kSize, GetParam());
     ASSERT_NE(buffer.data(), nullptr);
     buffer.StartMapping();
-    buffer.WaitMapped();
+    buffer.PauseMapping();
     const std::vector<size_t> offsets = {0, 1, 4095, 4096, kSize / 2, kSize - 4097, kSize - 1};
     for (size_t offset : offsets) {
         buffer.data()[offset] = 'x';
@@ -64,12 +66,35 @@ TEST_P(ZeroedBufferTest, WritesAfterWaitMappedAreKept) {
     const size_t runBegin = 8192;
     const size_t runEnd = runBegin + (8u << 20);
     memset(buffer.data() + runBegin, 'y', runEnd - runBegin);
+    buffer.ResumeMapping();
+    buffer.data()[kSize - 2] = 'z';
     buffer.WaitAllMapped();
+    EXPECT_EQ(buffer.data()[kSize - 2], 'z');
     for (size_t offset : offsets) {
         EXPECT_EQ(buffer.data()[offset], 'x') << offset;
     }
     EXPECT_EQ(FirstOther(buffer.data(), runBegin, runEnd, 'y'), runEnd);
     EXPECT_EQ(FirstOther(buffer.data(), runEnd, kSize / 2, 0), kSize / 2);
+}
+
+// Paused, the mapping thread maps nothing more until resumed.
+TEST(ZeroedBufferPauseTest, PausedMappingStandsStillUntilResumed) {
+    CZeroedBuffer buffer(kSize);
+    buffer.StartMapping();
+    ASSERT_TRUE(buffer.MapsInBackground());
+    buffer.PauseMapping();
+    const size_t missing = PagesNotMapped(buffer);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(PagesNotMapped(buffer), missing);
+    buffer.ResumeMapping();
+    buffer.WaitAllMapped();
+    EXPECT_EQ(PagesNotMapped(buffer), 0u);
+}
+
+TEST_P(ZeroedBufferTest, DestroyedWhilePausedReturns) {
+    CZeroedBuffer buffer(kSize, GetParam());
+    buffer.StartMapping();
+    buffer.PauseMapping();
 }
 
 TEST_P(ZeroedBufferTest, DestroyedWhileMappingReturns) {
