@@ -41,16 +41,22 @@ inline void SetLevel(char* rec, const BookSide& side, int level, double px, int3
     StoreAt(rec, side.volOffset + 4 * static_cast<size_t>(level), vol);
 }
 
-// A record copied in 16-byte moves: the restore image is taken for every
-// applied record, and a string move costs more than the copy itself here.
-inline void CopyRecord(char* dst, const char* src) {
-    static_assert(sizeof(instrument) % 16 == 0, "whole 16-byte moves");
-#pragma GCC unroll 21
-    for (size_t i = 0; i < sizeof(instrument); i += 16) {
+// The part of a record from turnover to its end, copied in 16-byte moves and
+// one 8-byte move: a string move costs more than the copy itself here.
+constexpr size_t kBodyAt = offsetof(instrument, turnover);
+constexpr size_t kBodySize = sizeof(instrument) - kBodyAt;
+static_assert(kBodySize % 16 == 8, "16-byte moves and one 8-byte move");
+static_assert(offsetof(instrument, change_no) + sizeof(instrument::change_no) == kBodyAt,
+              "the stamps end the head");
+
+inline void CopyBody(char* dst, const char* src) {
+#pragma GCC unroll 18
+    for (size_t i = 0; i + 16 <= kBodySize; i += 16) {
         char chunk[16];
         memcpy(chunk, src + i, sizeof(chunk));
         memcpy(dst + i, chunk, sizeof(chunk));
     }
+    StoreAt(dst, kBodySize - 8, LoadAt<uint64_t>(src, kBodySize - 8));
 }
 
 // What a record changed, to put its instrument back when the book fails the
@@ -73,15 +79,22 @@ public:
         level.pxAt = static_cast<uint16_t>(pxAt);
         level.volAt = static_cast<uint16_t>(volAt);
     }
+    // What the rest of the record can change: last_px and volume, and all
+    // from turnover on. The identifier is never written, the stamps are kept
+    // apart, and the type was written before any of this is kept.
     void KeepRecord(const char* rec) {
         if (m_levelRoom != 0) {
-            CopyRecord(m_record, rec);
+            m_lastPx = LoadAt<double>(rec, offsetof(instrument, last_px));
+            m_volume = LoadAt<uint32_t>(rec, offsetof(instrument, volume));
+            CopyBody(m_body, rec + kBodyAt);
             m_levelRoom = 0;
         }
     }
     void Restore(char* rec) const {
         if (m_levelRoom == 0) {
-            CopyRecord(rec, m_record);
+            StoreAt(rec, offsetof(instrument, last_px), m_lastPx);
+            StoreAt(rec, offsetof(instrument, volume), m_volume);
+            CopyBody(rec + kBodyAt, m_body);
         }
         for (uint32_t k = m_levels; k-- > 0;) {
             StoreAt(rec, m_level[k].pxAt, m_level[k].px);
@@ -102,7 +115,9 @@ private:
         uint16_t volAt;
     };
 
-    alignas(16) char m_record[sizeof(instrument)];
+    double m_lastPx;
+    uint32_t m_volume;
+    char m_body[kBodySize];
     uint32_t m_updateTime;
     uint16_t m_updateMilliSec;
     uint32_t m_changeNo;
