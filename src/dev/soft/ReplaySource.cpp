@@ -80,24 +80,19 @@ struct ClassicFileHeader {
     uint32_t snapLen;
     uint32_t linkType;
 };
-struct ClassicRecordHeader {
-    uint32_t seconds;
-    uint32_t fraction;  // microseconds or nanoseconds, as the file's magic says
-    uint32_t capturedLength;
-    uint32_t originalLength;
-};
 constexpr uint32_t kMicroMagic = 0xa1b2c3d4;
 constexpr uint32_t kNanoMagic = 0xa1b23c4d;
 constexpr uint32_t kLinkTypeEthernet = 1;
 constexpr uint32_t kLargestSnapLen = 262144;
 
-// Reads a plain capture (pcap 2.4 in this host's byte order, every record
-// whole and within the snapshot length) straight from a mapping of the file:
-// the frames point into it, so nothing is copied. False, having kept nothing,
-// for anything else (another format, an odd header, a file cut short, an
-// error), which is then read through libpcap with its rules and its reasons.
+// Maps a plain capture (pcap 2.4 in this host's byte order, every record
+// whole and within the snapshot length): the port walks the file's own
+// records, so nothing is copied or indexed; here they are only checked and
+// counted. False, having kept nothing, for anything else (another format, an
+// odd header, a file cut short, an error), which is then read through
+// libpcap with its rules and its reasons.
 bool MapPlainCapture(const std::string& path, bool requireEthernet, CFrameBytes& bytes,
-                     std::vector<SoftFrame>& frames) {
+                     SoftRecords& records) {
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         return false;
@@ -124,11 +119,10 @@ bool MapPlainCapture(const std::string& path, bool requireEthernet, CFrameBytes&
         (requireEthernet && header.linkType != kLinkTypeEthernet)) {
         return false;
     }
-    std::vector<SoftFrame> found;
-    found.reserve((size - sizeof(header)) / (sizeof(ClassicRecordHeader) + 64));
+    size_t count = 0;
     size_t at = sizeof(header);
     while (at < size) {
-        ClassicRecordHeader record;
+        SoftPcapRecordHeader record;
         if (size - at < sizeof(record)) {
             return false;
         }
@@ -138,29 +132,27 @@ bool MapPlainCapture(const std::string& path, bool requireEthernet, CFrameBytes&
             size - at < record.capturedLength) {
             return false;
         }
-        SoftFrame frame;
-        frame.offset = at;
-        frame.length = record.capturedLength;
-        // Signed, as the library reads them.
-        frame.timeNs = static_cast<int64_t>(static_cast<int32_t>(record.seconds)) * 1000000000 +
-                       static_cast<int64_t>(static_cast<int32_t>(record.fraction)) * (nano ? 1 : 1000);
-        found.push_back(frame);
         at += record.capturedLength;
+        ++count;
     }
+    records.begin = sizeof(header);
+    records.end = size;
+    records.count = count;
+    records.pcap = true;
+    records.fractionNs = nano ? 1 : 1000;
     bytes = std::move(mapped);
-    frames = std::move(found);
     return true;
 }
 
 }  // namespace
 
-bool load_pcap(const std::string& path, bool requireEthernet, CFrameBytes& bytes,
-               std::vector<SoftFrame>& frames, std::string& error) {
-    if (MapPlainCapture(path, requireEthernet, bytes, frames)) {
+bool load_pcap(const std::string& path, bool requireEthernet, CFrameBytes& bytes, SoftRecords& records,
+               std::string& error) {
+    if (MapPlainCapture(path, requireEthernet, bytes, records)) {
         return true;
     }
     std::vector<char> copy;
-    frames.clear();
+    records = SoftRecords();
     char errbuf[PCAP_ERRBUF_SIZE] = {};
     pcap_t* pcap = pcap_open_offline_with_tstamp_precision(path.c_str(), PCAP_TSTAMP_PRECISION_NANO, errbuf);
     if (pcap == nullptr) {
@@ -185,23 +177,24 @@ bool load_pcap(const std::string& path, bool requireEthernet, CFrameBytes& bytes
     const u_char* data = nullptr;
     int status;
     while ((status = pcap_next_ex(pcap, &header, &data)) == 1) {
-        SoftFrame frame;
-        frame.offset = copy.size();
-        frame.length = header->caplen;
-        frame.timeNs = static_cast<int64_t>(header->ts.tv_sec) * 1000000000 + header->ts.tv_usec;
+        const SoftRecordHeader record{
+            static_cast<int64_t>(header->ts.tv_sec) * 1000000000 + header->ts.tv_usec, header->caplen, 0};
+        const char* first = reinterpret_cast<const char*>(&record);
+        copy.insert(copy.end(), first, first + sizeof(record));
         // As char, so that the insert is one copy rather than a conversion
         // byte by byte.
-        const char* first = reinterpret_cast<const char*>(data);
+        first = reinterpret_cast<const char*>(data);
         copy.insert(copy.end(), first, first + header->caplen);
-        frames.push_back(frame);
+        ++records.count;
     }
     if (status != PCAP_ERROR_BREAK) {
-        error = "cannot read capture " + path + " after " + std::to_string(frames.size()) +
+        error = "cannot read capture " + path + " after " + std::to_string(records.count) +
                 " packets: " + pcap_geterr(pcap);
         pcap_close(pcap);
         return false;
     }
     pcap_close(pcap);
+    records.end = copy.size();
     bytes = CFrameBytes(std::move(copy));
     return true;
 }
@@ -231,14 +224,15 @@ std::unique_ptr<CReplaySource> CReplaySource::Open(const std::string& text, vola
             continue;
         }
         CFrameBytes bytes;
-        std::vector<SoftFrame> frames;
-        if (!load_pcap(capture.path, capture.ethernet, bytes, frames, error)) {
+        SoftRecords records;
+        if (!load_pcap(capture.path, capture.ethernet, bytes, records, error)) {
             return nullptr;
         }
-        if (!frames.empty() && frames.front().timeNs < origin) {
-            origin = frames.front().timeNs;
+        capture.port.Load(std::move(bytes), records);
+        int64_t first = 0;
+        if (capture.port.GetFirstTime(first) && first < origin) {
+            origin = first;
         }
-        capture.port.Load(std::move(bytes), std::move(frames));
     }
     if (options.hold) {
         source->m_port0.HoldUntilStreamCycled(REG_ORIG_DATA);

@@ -21,7 +21,7 @@ struct ReplayOptions {
 bool parse_replay_options(const std::string& text, ReplayOptions& options, std::string& error);
 
 // Reads every packet of a pcap file (microsecond or nanosecond) into `bytes`
-// and `frames`. With `requireEthernet` the file's link type must be Ethernet.
+// and `records`. With `requireEthernet` the file's link type must be Ethernet.
 // Returns false with `error` naming the file and libpcap's reason.
 bool load_pcap(const std::string& path, bool requireEthernet, CFrameBytes& bytes,
                std::vector<SoftFrame>& frames, std::string& error);

@@ -44,18 +44,52 @@ void CFrameBytes::_Unmap() {
     }
 }
 
-void CSoftPort::Load(CFrameBytes bytes, std::vector<SoftFrame> frames) {
+void CSoftPort::Load(CFrameBytes bytes, const SoftRecords& records) {
     m_data = std::move(bytes);
-    m_frames = std::move(frames);
-    m_next = 0;
-    m_exhausted.store(m_frames.empty(), std::memory_order_relaxed);
+    m_records = records;
+    m_statuses.clear();
+    Rewind();
+}
+
+void CSoftPort::Load(const std::vector<char>& bytes, const std::vector<SoftFrame>& frames) {
+    std::vector<char> copy;
+    SoftRecords records;
+    bool marked = false;
+    for (const SoftFrame& frame : frames) {
+        const SoftRecordHeader header{frame.timeNs, frame.length, 0};
+        const char* first = reinterpret_cast<const char*>(&header);
+        copy.insert(copy.end(), first, first + sizeof(header));
+        copy.insert(copy.end(), bytes.begin() + static_cast<ptrdiff_t>(frame.offset),
+                    bytes.begin() + static_cast<ptrdiff_t>(frame.offset + frame.length));
+        marked = marked || frame.status != 0;
+    }
+    records.end = copy.size();
+    records.count = frames.size();
+    Load(CFrameBytes(std::move(copy)), records);
+    if (marked) {
+        for (size_t i = 0; i < frames.size(); ++i) {
+            MarkFrame(i, frames[i].status);
+        }
+    }
+}
+
+bool CSoftPort::GetFirstTime(int64_t& timeNs) const {
+    if (m_records.begin == m_records.end) {
+        return false;
+    }
+    uint32_t length = 0;
+    _ReadHeader(m_data.Data() + m_records.begin, length, timeNs);
+    return true;
 }
 
 bool CSoftPort::MarkFrame(size_t index, uint8_t status) {
-    if (index >= m_frames.size()) {
+    if (index >= m_records.count) {
         return false;
     }
-    m_frames[index].status = status;
+    if (m_statuses.empty()) {
+        m_statuses.resize(m_records.count);
+    }
+    m_statuses[index] = status;
     return true;
 }
 
@@ -75,8 +109,9 @@ bool CSoftPort::_HoldReleased() {
 }
 
 void CSoftPort::Rewind() {
-    m_next = 0;
-    m_exhausted.store(m_frames.empty(), std::memory_order_relaxed);
+    m_next = m_records.begin;
+    m_index = 0;
+    m_exhausted.store(m_records.begin == m_records.end, std::memory_order_relaxed);
 }
 
 bool CSoftPort::IsIdle() const {

@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -34,6 +35,29 @@ struct SoftFrame {
     int64_t timeNs;      // capture time; used only when pacing
     uint8_t status = 0;  // hardware frame status to deliver it with
 };
+
+// A port's frames as they lie in its byte store, each behind a 16-byte
+// header: a plain pcap file's own record headers, or, for frames copied into
+// memory, the capture time and the length.
+struct SoftRecords {
+    size_t begin = 0;  // the first record's header
+    size_t end = 0;    // one past the last record
+    size_t count = 0;
+    bool pcap = false;       // pcap record headers, else SoftRecordHeader
+    int64_t fractionNs = 1;  // ns in one unit of a pcap header's fraction
+};
+struct SoftRecordHeader {
+    int64_t timeNs;
+    uint32_t length;
+    uint32_t unused;
+};
+struct SoftPcapRecordHeader {
+    uint32_t seconds;
+    uint32_t fraction;
+    uint32_t capturedLength;
+    uint32_t originalLength;
+};
+static_assert(sizeof(SoftRecordHeader) == 16 && sizeof(SoftPcapRecordHeader) == 16);
 
 // The bytes a port's frames point into: a copy in memory, or a capture file
 // mapped read-only (a file cut short while it is mapped ends the process).
@@ -64,10 +88,9 @@ class CSoftPort {
 public:
     CSoftPort(volatile uint32_t* registers, uint32_t streamRegister, CReplayClock& clock);
 
-    void Load(CFrameBytes bytes, std::vector<SoftFrame> frames);
-    void Load(std::vector<char> bytes, std::vector<SoftFrame> frames) {
-        Load(CFrameBytes(std::move(bytes)), std::move(frames));
-    }
+    void Load(CFrameBytes bytes, const SoftRecords& records);
+    // Frames at `frames`' offsets in `bytes`, copied behind headers of their own.
+    void Load(const std::vector<char>& bytes, const std::vector<SoftFrame>& frames);
     // Starts the frames over from the first; for looping benchmarks.
     void Rewind();
     // Frame `index` is delivered with a hardware status, as the card reports
@@ -83,13 +106,16 @@ public:
     // stay valid for the port's life.
     ESoftNext Next(SoftFrameRef& frame);
 
-    size_t GetFrameCount() const { return m_frames.size(); }
+    size_t GetFrameCount() const { return m_records.count; }
+    // The first frame's capture time; false when there is no frame.
+    bool GetFirstTime(int64_t& timeNs) const;
     // Nothing left that could be delivered: all frames taken, or stream off.
     bool IsIdle() const;
 
 private:
     enum EHold : uint8_t { HOLD_NONE, HOLD_UNTIL_ON, HOLD_UNTIL_OFF };
     bool _HoldReleased();
+    void _ReadHeader(const char* record, uint32_t& length, int64_t& timeNs) const;
 
     volatile uint32_t* m_pRegisters;
     uint32_t m_streamRegister;
@@ -97,34 +123,57 @@ private:
     EHold m_hold = HOLD_NONE;
     CReplayClock& m_refClock;
     CFrameBytes m_data;
-    std::vector<SoftFrame> m_frames;
-    size_t m_next = 0;
+    SoftRecords m_records;
+    // Hardware statuses by frame, made on the first MarkFrame.
+    std::vector<uint8_t> m_statuses;
+    size_t m_next = 0;  // the next record's header
+    size_t m_index = 0;
     std::atomic<bool> m_exhausted{true};
 };
 
+inline void CSoftPort::_ReadHeader(const char* record, uint32_t& length, int64_t& timeNs) const {
+    if (m_records.pcap) {
+        SoftPcapRecordHeader header;
+        memcpy(&header, record, sizeof(header));
+        length = header.capturedLength;
+        // Signed, as libpcap reads them.
+        timeNs = static_cast<int64_t>(static_cast<int32_t>(header.seconds)) * 1000000000 +
+                 static_cast<int64_t>(static_cast<int32_t>(header.fraction)) * m_records.fractionNs;
+    } else {
+        SoftRecordHeader header;
+        memcpy(&header, record, sizeof(header));
+        length = header.length;
+        timeNs = header.timeNs;
+    }
+}
+
 inline ESoftNext CSoftPort::Next(SoftFrameRef& out) {
-    if (m_next == m_frames.size()) {
+    if (m_next == m_records.end) {
         return SOFT_NEXT_NONE;
     }
     if (m_hold != HOLD_NONE && !_HoldReleased()) [[unlikely]] {
         return SOFT_NEXT_NONE;
     }
-    const SoftFrame& frame = m_frames[m_next];
-    if (m_refClock.IsPaced() && !m_refClock.IsDue(frame.timeNs)) {
+    const char* const record = m_data.Data() + m_next;
+    uint32_t length;
+    int64_t timeNs;
+    _ReadHeader(record, length, timeNs);
+    if (m_refClock.IsPaced() && !m_refClock.IsDue(timeNs)) {
         return SOFT_NEXT_NONE;
     }
-    ++m_next;
-    if (m_next == m_frames.size()) {
+    const size_t index = m_index++;
+    m_next += 16 + length;
+    if (m_next == m_records.end) {
         m_exhausted.store(true, std::memory_order_relaxed);
     }
     // The card drops what arrives while its stream is off.
     if (__atomic_load_n(&m_pRegisters[m_streamRegister], __ATOMIC_RELAXED) != 1) {
         return SOFT_NEXT_DROPPED;
     }
-    out.data = m_data.Data() + frame.offset;
-    out.length = frame.length;
-    out.status = frame.status;
-    out.timestamp = static_cast<uint32_t>(frame.timeNs);
+    out.data = record + 16;
+    out.length = length;
+    out.status = m_statuses.empty() ? 0 : m_statuses[index];
+    out.timestamp = static_cast<uint32_t>(timeNs);
     return SOFT_NEXT_FRAME;
 }
 
