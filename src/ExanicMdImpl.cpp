@@ -56,11 +56,10 @@ extern "C" int quvo_recv(const char* config_path, int* running) {
         QUVO_LOG(LOG_ERROR, "failed to allocate the decode buffer");
         return Fail();
     }
-    // Its pages are mapped beside the rest of the start and the replay and
-    // live phases (about 100 ms of page faults for 200 MiB), so that caching
-    // frames seldom takes a fault. The mapping stands still while the
-    // snapshot is taken: the snapshot's two threads busy-poll.
-    cacheArea.StartMapping();
+    // 200 MiB of page faults take about 100 ms on a small machine. Rather
+    // than before the start, or beside it and the snapshot, whose threads
+    // need the processors, they are taken on a thread of their own once the
+    // first snapshot is loaded; until then caching maps the pages it writes.
     ExanicMdConfigData config;
     UEnableMask enabledMask{};
     UEnableMask finishedMask{};
@@ -117,7 +116,7 @@ extern "C" int quvo_recv(const char* config_path, int* running) {
         }
         tcp->StopRunning();
         decoder.join();
-        cacheArea.ResumeMapping();
+        cacheArea.MapInBackground();
         if (tcp->GetInitialized() == -1) {
             return Fail();  // the process is expected to end; nothing is released
         }

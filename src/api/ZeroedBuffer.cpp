@@ -28,10 +28,8 @@ bool Populate(char* data, size_t size) {
 }  // namespace
 
 // calloc hands back pages that read as zero without writing them, so the
-// buffer is zeroed at once; only the page faults are left, and those are
-// taken here rather than by the first frames cached.
-CZeroedBuffer::CZeroedBuffer(size_t size, bool allowBackground)
-    : m_pData(static_cast<char*>(calloc(size, 1))), m_size(size), m_allowBackground(allowBackground) {
+// buffer is zeroed at once; only the page faults are left.
+CZeroedBuffer::CZeroedBuffer(size_t size) : m_pData(static_cast<char*>(calloc(size, 1))), m_size(size) {
     if (m_pData == nullptr) {
         m_size = 0;
     }
@@ -49,15 +47,35 @@ CZeroedBuffer::~CZeroedBuffer() {
     free(m_pData);
 }
 
-void CZeroedBuffer::StartMapping() {
-    if (m_size == 0 || m_thread.joinable()) {
+bool CZeroedBuffer::CanMapInBackground() {
+    static const bool can = [] {
+        void* page = mmap(nullptr, kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (page == MAP_FAILED) {
+            return false;
+        }
+        const bool populated = Populate(static_cast<char*>(page), kPage);
+        munmap(page, kPage);
+        return populated;
+    }();
+    return can;
+}
+
+void CZeroedBuffer::MapInBackground() {
+    if (m_size == 0 || !CanMapInBackground()) {
         return;
     }
-    m_background = m_allowBackground && Populate(_PageAligned(), kPage);
+    if (m_thread.joinable()) {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_pauseAsked = false;
+        }
+        m_changed.notify_all();
+        return;
+    }
     try {
         m_thread = std::thread([this] { _Map(); });
     } catch (const std::system_error&) {
-        _Map();
+        // Pages are then mapped by their first write.
     }
 }
 
@@ -83,15 +101,7 @@ void CZeroedBuffer::_Map() {
                 break;
             }
         }
-        const size_t length = std::min<size_t>(kStep, static_cast<size_t>(end - at));
-        if (m_background) {
-            Populate(at, length);
-        } else {
-            // Through a volatile pointer, or the compiler drops a memset of
-            // memory it knows calloc zeroed.
-            static void* (*const volatile zeroFill)(void*, int, size_t) = memset;
-            zeroFill(at, 0, length);
-        }
+        Populate(at, std::min<size_t>(kStep, static_cast<size_t>(end - at)));
     }
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -101,21 +111,12 @@ void CZeroedBuffer::_Map() {
 }
 
 void CZeroedBuffer::PauseMapping() {
-    if (!m_background) {
-        WaitAllMapped();
+    if (!m_thread.joinable()) {
         return;
     }
     std::unique_lock<std::mutex> lock(m_mutex);
     m_pauseAsked = true;
-    m_changed.wait(lock, [this] { return m_parked || m_done || !m_thread.joinable(); });
-}
-
-void CZeroedBuffer::ResumeMapping() {
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_pauseAsked = false;
-    }
-    m_changed.notify_all();
+    m_changed.wait(lock, [this] { return m_parked || m_done; });
 }
 
 void CZeroedBuffer::WaitAllMapped() {

@@ -1,4 +1,4 @@
-// A large zeroed heap buffer whose pages are mapped ahead of use.
+// A large zeroed heap buffer whose pages can be mapped ahead of use.
 #pragma once
 
 #include <condition_variable>
@@ -8,10 +8,8 @@
 
 class CZeroedBuffer {
 public:
-    // Null data() when the heap refuses `size` bytes. Without
-    // `allowBackground` the zeros are always written, as on a kernel that
-    // cannot map pages without writing them.
-    explicit CZeroedBuffer(size_t size, bool allowBackground = true);
+    // Null data() when the heap refuses `size` bytes.
+    explicit CZeroedBuffer(size_t size);
     ~CZeroedBuffer();
     CZeroedBuffer(const CZeroedBuffer&) = delete;
     CZeroedBuffer& operator=(const CZeroedBuffer&) = delete;
@@ -19,19 +17,18 @@ public:
     char* data() const { return m_pData; }
     size_t size() const { return m_size; }
 
-    // Starts mapping every page on a thread. Where the kernel can map pages
-    // without writing them, the buffer may be used meanwhile; elsewhere the
-    // thread writes the zeros, and PauseMapping() must come before the
-    // first write.
-    void StartMapping();
-    // Returns once the mapping thread is parked or done, so that it takes
-    // nothing from the caller's threads; where it writes zeros, once it is
-    // done.
+    // Maps the pages not yet mapped on a thread of its own, while the buffer
+    // is in use; the first call starts the thread, later ones let a paused
+    // one go on. Nothing where the kernel cannot map pages without writing
+    // them: pages are then mapped by their first write.
+    void MapInBackground();
+    // Returns once the mapping thread is parked, done or never started, so
+    // that it takes nothing from the caller's threads.
     void PauseMapping();
-    void ResumeMapping();
-    // Waits for the whole mapping; for tests.
+    // Waits for the whole mapping; not while paused. For tests.
     void WaitAllMapped();
-    bool MapsInBackground() const { return m_background; }
+    // Whether this kernel maps pages without writing them.
+    static bool CanMapInBackground();
 
 private:
     void _Map();
@@ -39,8 +36,6 @@ private:
 
     char* m_pData;
     size_t m_size;
-    bool m_allowBackground;
-    bool m_background = false;
     std::mutex m_mutex;
     std::condition_variable m_changed;
     bool m_stop = false;
