@@ -38,6 +38,7 @@ public:
 
 private:
     void _CatchUp();
+    ssize_t _Deliver(const SoftFrameRef& frame, char* buf, size_t size);
 
     // Frames between the reader and the writer, oldest first; a lap is
     // certain before more than one ring's worth of frames wait.
