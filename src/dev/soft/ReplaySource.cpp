@@ -177,14 +177,10 @@ bool load_pcap(const std::string& path, bool requireEthernet, CFrameBytes& bytes
     const u_char* data = nullptr;
     int status;
     while ((status = pcap_next_ex(pcap, &header, &data)) == 1) {
-        const SoftRecordHeader record{
-            static_cast<int64_t>(header->ts.tv_sec) * 1000000000 + header->ts.tv_usec, header->caplen, 0};
-        const char* first = reinterpret_cast<const char*>(&record);
-        copy.insert(copy.end(), first, first + sizeof(record));
         // As char, so that the insert is one copy rather than a conversion
         // byte by byte.
-        first = reinterpret_cast<const char*>(data);
-        copy.insert(copy.end(), first, first + header->caplen);
+        append_soft_record(copy, static_cast<int64_t>(header->ts.tv_sec) * 1000000000 + header->ts.tv_usec,
+                           reinterpret_cast<const char*>(data), header->caplen);
         ++records.count;
     }
     if (status != PCAP_ERROR_BREAK) {

@@ -56,11 +56,7 @@ void CSoftPort::Load(const std::vector<char>& bytes, const std::vector<SoftFrame
     SoftRecords records;
     bool marked = false;
     for (const SoftFrame& frame : frames) {
-        const SoftRecordHeader header{frame.timeNs, frame.length, 0};
-        const char* first = reinterpret_cast<const char*>(&header);
-        copy.insert(copy.end(), first, first + sizeof(header));
-        copy.insert(copy.end(), bytes.begin() + static_cast<ptrdiff_t>(frame.offset),
-                    bytes.begin() + static_cast<ptrdiff_t>(frame.offset + frame.length));
+        append_soft_record(copy, frame.timeNs, bytes.data() + frame.offset, frame.length);
         marked = marked || frame.status != 0;
     }
     records.end = copy.size();

@@ -59,6 +59,14 @@ struct SoftPcapRecordHeader {
 };
 static_assert(sizeof(SoftRecordHeader) == 16 && sizeof(SoftPcapRecordHeader) == 16);
 
+// Appends one frame, behind its SoftRecordHeader, to frames copied into memory.
+inline void append_soft_record(std::vector<char>& bytes, int64_t timeNs, const char* data, uint32_t length) {
+    const SoftRecordHeader header{timeNs, length, 0};
+    const char* first = reinterpret_cast<const char*>(&header);
+    bytes.insert(bytes.end(), first, first + sizeof(header));
+    bytes.insert(bytes.end(), data, data + length);
+}
+
 // The bytes a port's frames point into: a copy in memory, or a capture file
 // mapped read-only (a file cut short while it is mapped ends the process).
 class CFrameBytes {
@@ -335,20 +343,13 @@ private:
         bool arrived = false;
         SoftFrameRef frame;
         for (;;) {
-            // A replay's port is called directly, sparing a virtual call a frame.
-            CSoftPort* replayPort = m_replayPorts[port];
-            const ESoftNext next =
-                replayPort != nullptr ? replayPort->Next(frame) : m_source->Next(port, frame);
+            const ESoftNext next = _Next(port, frame);
             if (next == SOFT_NEXT_NONE) {
                 break;
             }
-            // A frame of no bytes cannot be written into the ring; the card never has one.
-            if (next == SOFT_NEXT_FRAME && frame.length > 0) {
+            if (next == SOFT_NEXT_FRAME) {
                 _Write(buffer, frame);
-                _Count(m_frames[port]);
                 arrived = true;
-            } else {
-                _Count(m_dropped[port]);
             }
             if (!m_paced) {
                 break;
@@ -360,19 +361,28 @@ private:
     // last, and is read at once: written and read in one step.
     ssize_t _PassDirect(int port, CSoftDirectRx& buffer, char* buf, size_t size) {
         SoftFrameRef frame;
-        CSoftPort* replayPort = m_replayPorts[port];
-        const ESoftNext next = replayPort != nullptr ? replayPort->Next(frame) : m_source->Next(port, frame);
-        ssize_t n = 0;
-        if (next == SOFT_NEXT_FRAME && frame.length > 0) {
-            _Count(m_frames[port]);
-            n = buffer.Pass(frame, buf, size);
-        } else if (next != SOFT_NEXT_NONE) {
-            _Count(m_dropped[port]);
-        }
+        const bool arrived = _Next(port, frame) == SOFT_NEXT_FRAME;
+        const ssize_t n = arrived ? buffer.Pass(frame, buf, size) : 0;
         if (__builtin_expect(m_exitSeconds >= 0, 0)) {
-            _WatchForExit(next == SOFT_NEXT_FRAME && frame.length > 0, port);
+            _WatchForExit(arrived, port);
         }
         return n;
+    }
+    // The source's next frame on `port`, counted as arrived or dropped.
+    ESoftNext _Next(int port, SoftFrameRef& frame) {
+        // A replay's port is called directly, sparing a virtual call a frame.
+        CSoftPort* replayPort = m_replayPorts[port];
+        ESoftNext next = replayPort != nullptr ? replayPort->Next(frame) : m_source->Next(port, frame);
+        // A frame of no bytes cannot be written into the ring; the card never has one.
+        if (next == SOFT_NEXT_FRAME && frame.length == 0) {
+            next = SOFT_NEXT_DROPPED;
+        }
+        if (next == SOFT_NEXT_FRAME) {
+            _Count(m_frames[port]);
+        } else if (next == SOFT_NEXT_DROPPED) {
+            _Count(m_dropped[port]);
+        }
+        return next;
     }
     static void _Write(CSoftDirectRx& buffer, const SoftFrameRef& frame) {
         buffer.Write(frame);

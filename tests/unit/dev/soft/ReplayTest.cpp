@@ -357,6 +357,17 @@ TEST_F(ReplayTest, PacedReplayHoldsFramesUntilTheirTime) {
     EXPECT_EQ(card_get_soft_card(m_handle)->GetFigures(0).dropped, 0u);
 }
 
+// A microsecond capture's fractions are microseconds: 900 ms apart, not 0.9 ms.
+TEST_F(ReplayTest, PacedMicrosecondCaptureKeepsItsSubsecondSpacing) {
+    const std::string rawPath =
+        WritePcap("raw.pcap", DLT_EN10MB, false, {{kT0, "first"}, {kT0 + 900000000, "second"}});
+    ASSERT_TRUE(Open("raw=" + rawPath + ",speed=1"));
+    StreamsOn();
+    EXPECT_EQ(Next(1), "first");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(Next(1), "<0>");
+}
+
 TEST_F(ReplayTest, FasterSpeedShortensTheWait) {
     // 10 ms apart at 1000x: due 10 us after the first poll.
     const std::string rawPath = WritePcap("raw.pcap", DLT_EN10MB, true, {{kT0, "a"}, {kT0 + 10000000, "b"}});
