@@ -1,7 +1,5 @@
 // quvo-bridge: the feed's books over NATS, and (--mirror) a replica of them
 // on another host, in shared memory laid out as the feed's.
-#include <nats/nats.h>
-
 #include <csignal>
 #include <cstdio>
 #include <string>
@@ -33,7 +31,5 @@ int main(int argc, char** argv) {
         CBridgePublisher publisher(options);
         status = publisher.Run(g_stop);
     }
-    // Lets the library's threads end, so that nothing of it outlives main.
-    nats_CloseAndWait(2000);
     return status;
 }

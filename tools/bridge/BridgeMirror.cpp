@@ -95,7 +95,6 @@ int CBridgeMirror::Run(const volatile sig_atomic_t& stop) {
     }
     if (m_pSub != nullptr) {
         natsSubscription_Unsubscribe(m_pSub);
-        // Waits for a delivery in progress, so nothing applies after this.
         natsSubscription_Destroy(m_pSub);
         m_pSub = nullptr;
     }

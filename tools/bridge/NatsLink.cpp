@@ -2,6 +2,12 @@
 
 #include <vector>
 
+namespace {
+
+constexpr int64_t kCloseWaitMs = 5000;
+
+}  // namespace
+
 std::string nats_error_text(natsStatus status) {
     std::string text = natsStatus_GetText(status);
     const char* last = nats_GetLastError(nullptr);
@@ -83,6 +89,9 @@ void CNatsLink::Close() {
     if (m_pOptions != nullptr) {
         natsOptions_Destroy(m_pOptions);
         m_pOptions = nullptr;
+        // The library calls the connection's handlers from its own threads
+        // even after the close; they use this object, so it waits for them.
+        nats_CloseAndWait(kCloseWaitMs);
     }
 }
 

@@ -35,6 +35,8 @@ public:
     // it since the last call.
     bool TakeSlowConsumer() { return m_slowConsumer.exchange(false); }
 
+    // Closes the connection and ends the library, waiting for the threads
+    // that call the handlers: one link per process.
     void Close();
 
 private:
