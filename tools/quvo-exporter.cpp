@@ -1,10 +1,7 @@
 // quvo-exporter: the feed's health figures over HTTP for Prometheus. Every
 // scrape reads a fresh consistent copy of the health segment; nothing polls
 // between scrapes.
-#include <prometheus/client_metric.h>
 #include <prometheus/collectable.h>
-#include <prometheus/exposer.h>
-#include <prometheus/metric_family.h>
 #include <signal.h>
 
 #include <algorithm>
@@ -12,10 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
-#include <exception>
 #include <initializer_list>
-#include <iterator>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -23,6 +17,7 @@
 #include <vector>
 
 #include "interface/quvohealthreader.h"
+#include "tools/MetricsServer.h"
 
 namespace {
 
@@ -56,42 +51,6 @@ constexpr double kNsPerSecond = 1e9;
 double seconds_of(uint64_t ns) {
     return static_cast<double>(ns) / kNsPerSecond;
 }
-
-// The families of one scrape, built in order.
-class CExposition {
-public:
-    MetricFamily& Family(const std::string& name, const std::string& help, MetricType type) {
-        m_families.push_back(MetricFamily{name, help, type, {}});
-        return m_families.back();
-    }
-
-    // One sample of a counter or gauge family.
-    static void Sample(MetricFamily& family, double value, Labels labels = {}) {
-        ClientMetric metric;
-        metric.label = std::move(labels);
-        if (family.type == MetricType::Counter) {
-            metric.counter.value = value;
-        } else {
-            metric.gauge.value = value;
-        }
-        family.metric.push_back(std::move(metric));
-    }
-
-    void Gauge(const std::string& name, const std::string& help, double value) {
-        Sample(Family(name, help, MetricType::Gauge), value);
-    }
-    void Counter(const std::string& name, const std::string& help, uint64_t value) {
-        Sample(Family(name, help, MetricType::Counter), static_cast<double>(value));
-    }
-
-    std::vector<MetricFamily> Take() {
-        return std::vector<MetricFamily>(std::make_move_iterator(m_families.begin()),
-                                         std::make_move_iterator(m_families.end()));
-    }
-
-private:
-    std::deque<MetricFamily> m_families;  // a deque: families stay put while more are added
-};
 
 // A labelled counter family from (label value, count) pairs.
 void labelled_counter(CExposition& out, const std::string& name, const std::string& help, const char* label,
@@ -391,21 +350,6 @@ private:
     mutable std::string m_lastError;
 };
 
-// ADDR:PORT with a port of 0..65535; ADDR may be a bracketed IPv6 address.
-bool valid_listen(const std::string& text) {
-    const size_t colon = text.rfind(':');
-    if (colon == std::string::npos || colon == 0 || colon + 1 == text.size() || colon + 6 < text.size()) {
-        return false;
-    }
-    const std::string port = text.substr(colon + 1);
-    for (char c : port) {
-        if (c < '0' || c > '9') {
-            return false;
-        }
-    }
-    return std::stol(port) <= 65535;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -444,25 +388,19 @@ int main(int argc, char** argv) {
     sigaddset(&stop, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stop, nullptr);
 
-    std::unique_ptr<prometheus::Exposer> exposer;
-    try {
-        exposer = std::make_unique<prometheus::Exposer>(listen, 2);
-    } catch (const std::exception& e) {
-        fprintf(stderr, "quvo-exporter: cannot listen on %s: %s\n", listen.c_str(), e.what());
+    std::string error;
+    std::unique_ptr<CMetricsServer> server =
+        CMetricsServer::Serve("quvo-exporter", listen, std::make_shared<CHealthCollector>(), error);
+    if (server == nullptr) {
+        fprintf(stderr, "quvo-exporter: %s\n", error.c_str());
         return 2;
     }
-    auto collector = std::make_shared<CHealthCollector>();
-    exposer->RegisterCollectable(collector);
-    const std::vector<int> ports = exposer->GetListeningPorts();
-    const std::string host = listen.substr(0, listen.rfind(':'));
-    printf("quvo-exporter: serving http://%s:%d/metrics\n", host.c_str(), ports.empty() ? 0 : ports.front());
-    fflush(stdout);
 
     int signal = 0;
     while (sigwait(&stop, &signal) != 0) {
     }
     // The server's threads may still be collecting: stop them before the
     // collector goes.
-    exposer.reset();
+    server.reset();
     return 0;
 }

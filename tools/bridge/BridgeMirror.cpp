@@ -21,6 +21,7 @@ constexpr int64_t kBucketWaitMs = 5000;
 CBridgeMirror::CBridgeMirror(const BridgeOptions& options) : m_options(options) {}
 
 CBridgeMirror::~CBridgeMirror() {
+    m_pMetrics.reset();
     if (m_pSub != nullptr) {
         natsSubscription_Unsubscribe(m_pSub);
         natsSubscription_Destroy(m_pSub);
@@ -43,11 +44,19 @@ int CBridgeMirror::Run(const volatile sig_atomic_t& stop) {
     }
     m_segments = attach_shared_segments();
     m_pRing = std::make_unique<CUpdateRing>(m_segments.pUpdateRing);
-    m_pBooks = std::make_unique<CMirrorBooks>(*m_segments.pMdArea, *m_pRing);
-    // A replica holds only what it received: nothing an earlier run left.
-    m_pBooks->Clear();
+    {
+        std::lock_guard<std::mutex> lock(m_applyMutex);
+        m_pBooks = std::make_unique<CMirrorBooks>(*m_segments.pMdArea, *m_pRing);
+        // A replica holds only what it received: nothing an earlier run left.
+        m_pBooks->Clear();
+    }
     if (!m_link.Open(m_options, "quvo-bridge mirror", error)) {
         fprintf(stderr, "quvo-bridge: %s\n", error.c_str());
+        return 2;
+    }
+    if (!serve_bridge_figures(
+            m_options.metrics, "quvo_mirror", [this] { return Figures(); }, m_pMetrics, error)) {
+        fprintf(stderr, "quvo-bridge: --metrics %s\n", error.c_str());
         return 2;
     }
     uint64_t loadedGeneration = 0;
@@ -167,15 +176,17 @@ bool CBridgeMirror::_LoadBucket(std::string& error) {
     return true;
 }
 
-void CBridgeMirror::_PrintFigures() {
+nlohmann::ordered_json CBridgeMirror::Figures() {
     uint64_t applied = 0;
     uint64_t stale = 0;
     {
         std::lock_guard<std::mutex> lock(m_applyMutex);
-        applied = m_pBooks->Applied();
-        stale = m_pBooks->Stale();
+        if (m_pBooks != nullptr) {
+            applied = m_pBooks->Applied();
+            stale = m_pBooks->Stale();
+        }
     }
-    const nlohmann::ordered_json figures = {
+    return {
         {"mode", "mirror"},
         {"connected", m_link.Connected()},
         {"applied", applied},
@@ -187,6 +198,9 @@ void CBridgeMirror::_PrintFigures() {
         {"disconnects", m_link.Disconnects()},
         {"slow_consumer", m_slowConsumers.load()},
     };
-    printf("%s\n", figures.dump().c_str());
+}
+
+void CBridgeMirror::_PrintFigures() {
+    printf("%s\n", Figures().dump().c_str());
     fflush(stdout);
 }

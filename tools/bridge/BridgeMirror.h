@@ -10,9 +10,11 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <nlohmann/json.hpp>
 
 #include "src/api/SharedSegments.h"
 #include "src/api/UpdateRing.h"
+#include "tools/bridge/BridgeMetrics.h"
 #include "tools/bridge/BridgeOptions.h"
 #include "tools/bridge/MirrorBooks.h"
 #include "tools/bridge/NatsLink.h"
@@ -27,6 +29,9 @@ public:
     // Runs until `stop` is set; the exit status (0 stopped, 2 NATS refused
     // the options, 3 another writer holds the key files).
     int Run(const volatile sig_atomic_t& stop);
+
+    // The figures --stats prints.
+    nlohmann::ordered_json Figures();
 
 private:
     static void _OnMessage(natsConnection* conn, natsSubscription* sub, natsMsg* msg, void* closure);
@@ -48,4 +53,5 @@ private:
     std::atomic<uint64_t> m_resyncs{0};
     std::atomic<uint64_t> m_bucketBooks{0};
     std::atomic<uint64_t> m_slowConsumers{0};
+    std::unique_ptr<CMetricsServer> m_pMetrics;
 };

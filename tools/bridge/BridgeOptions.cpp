@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "tools/MetricsServer.h"
+
 const char* const kBridgeUsage =
     "Usage: quvo-bridge [OPTIONS]            publish this host's books on NATS\n"
     "       quvo-bridge --mirror [OPTIONS]   keep a replica of them in this host's shared memory\n"
@@ -36,6 +38,9 @@ const char* const kBridgeUsage =
     "  --json              publish JSON rather than the binary message (the mirror reads both)\n"
     "  --stats[=SECONDS]   print the bridge's figures as one JSON object a line every SECONDS\n"
     "                      (default 1) and once more when it stops\n"
+    "  --metrics ADDR:PORT serve the same figures at http://ADDR:PORT/metrics for Prometheus\n"
+    "                      (quvo_bridge_*, or quvo_mirror_* when mirroring); port 0 takes a free\n"
+    "                      port, which the line \"quvo-bridge: serving http://...\" names\n"
     "  --mirror            mirror rather than publish\n"
     "  -h, --help          print this text and exit\n"
     "\n"
@@ -127,7 +132,7 @@ bool parse_bridge_options(int argc, char** argv, BridgeOptions& options, std::st
         }
         const bool takesValue = arg == "--server" || arg == "--creds" || arg == "--prefix" ||
                                 arg == "--bucket" || arg == "--stream" || arg == "--history-age" ||
-                                arg == "--history-bytes" || arg == "--replicas";
+                                arg == "--history-bytes" || arg == "--replicas" || arg == "--metrics";
         if (takesValue && !hasValue) {
             if (i + 1 >= argc) {
                 error = arg + " needs a value";
@@ -188,6 +193,12 @@ bool parse_bridge_options(int argc, char** argv, BridgeOptions& options, std::st
             if (hasValue && !read_seconds(arg, value, false, options.statsSeconds, error)) {
                 return false;
             }
+        } else if (arg == "--metrics") {
+            if (!valid_listen(value)) {
+                error = "--metrics needs ADDR:PORT with a port of 0..65535, not '" + value + "'";
+                return false;
+            }
+            options.metrics = value;
         } else if (arg == "--json") {
             options.json = true;
         } else if (arg == "--mirror") {

@@ -17,6 +17,7 @@ struct BridgeOptions {
     bool json = false;
     bool mirror = false;
     double statsSeconds = 0;  // 0: no figures
+    std::string metrics;      // ADDR:PORT to serve the figures on for Prometheus, or empty
     bool help = false;
 };
 

@@ -47,6 +47,7 @@ CBridgePublisher::CBridgePublisher(const BridgeOptions& options)
 }
 
 CBridgePublisher::~CBridgePublisher() {
+    m_pMetrics.reset();
     _StopPublisher();
     if (m_pJs != nullptr) {
         jsCtx_Destroy(m_pJs);
@@ -61,6 +62,11 @@ int CBridgePublisher::Run(const volatile sig_atomic_t& stop) {
     std::string error;
     if (!m_link.Open(m_options, "quvo-bridge", error)) {
         fprintf(stderr, "quvo-bridge: %s\n", error.c_str());
+        return 2;
+    }
+    if (!serve_bridge_figures(
+            m_options.metrics, "quvo_bridge", [this] { return Figures(true); }, m_pMetrics, error)) {
+        fprintf(stderr, "quvo-bridge: --metrics %s\n", error.c_str());
         return 2;
     }
     if (!_AttachFeed(stop)) {
@@ -387,8 +393,10 @@ bool CBridgePublisher::_PublishOne(uint32_t slot, uint64_t markedNs, bool force)
     m_last[slot] = book;
     m_figures.published.fetch_add(1, std::memory_order_relaxed);
     const uint64_t delay = monotonic_ns() - markedNs;
-    uint64_t longest = m_figures.maxDelayNs.load(std::memory_order_relaxed);
-    while (delay > longest && !m_figures.maxDelayNs.compare_exchange_weak(longest, delay)) {
+    for (std::atomic<uint64_t>* longest : {&m_figures.maxDelayNs, &m_figures.maxDelayScrapeNs}) {
+        uint64_t seen = longest->load(std::memory_order_relaxed);
+        while (delay > seen && !longest->compare_exchange_weak(seen, delay)) {
+        }
     }
     return true;
 }
@@ -410,13 +418,14 @@ void CBridgePublisher::_OnPutFailed(jsCtx*, jsPubAckErr* failure, void* closure)
     self->m_wake.notify_one();
 }
 
-void CBridgePublisher::_PrintFigures() {
+nlohmann::ordered_json CBridgePublisher::Figures(bool scrape) {
     size_t pending = 0;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         pending = m_pending.Size();
     }
-    const nlohmann::ordered_json figures = {
+    std::atomic<uint64_t>& longest = scrape ? m_figures.maxDelayScrapeNs : m_figures.maxDelayNs;
+    return {
         {"mode", "publish"},
         {"connected", m_link.Connected()},
         {"announcements", m_figures.announcements.load()},
@@ -429,11 +438,14 @@ void CBridgePublisher::_PrintFigures() {
         {"disconnects", m_link.Disconnects()},
         {"pending", pending},
         {"lag", m_figures.lag.load()},
-        {"max_delay_us", m_figures.maxDelayNs.exchange(0) / 1000},
+        {"max_delay_us", longest.exchange(0) / 1000},
         {"inconsistent", m_figures.inconsistent.load()},
         {"publish_errors", m_figures.publishErrors.load()},
         {"put_errors", m_figures.putErrors.load()},
     };
-    printf("%s\n", figures.dump().c_str());
+}
+
+void CBridgePublisher::_PrintFigures() {
+    printf("%s\n", Figures(false).dump().c_str());
     fflush(stdout);
 }

@@ -9,13 +9,16 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstdint>
+#include <memory>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "interface/quvohealth.h"
 #include "interface/quvoreader.h"
+#include "tools/bridge/BridgeMetrics.h"
 #include "tools/bridge/BridgeOptions.h"
 #include "tools/bridge/FeedPosition.h"
 #include "tools/bridge/NatsLink.h"
@@ -32,8 +35,12 @@ public:
     // the options).
     int Run(const volatile sig_atomic_t& stop);
 
+    // The figures --stats prints; the longest delay is the one since the
+    // previous call of the same kind (a printed line, or a scrape).
+    nlohmann::ordered_json Figures(bool scrape);
+
 private:
-    struct Figures {
+    struct Counts {
         std::atomic<uint64_t> announcements{0};
         std::atomic<uint64_t> published{0};
         std::atomic<uint64_t> conflated{0};
@@ -44,6 +51,7 @@ private:
         std::atomic<uint64_t> publishErrors{0};
         std::atomic<uint64_t> putErrors{0};
         std::atomic<uint64_t> maxDelayNs{0};
+        std::atomic<uint64_t> maxDelayScrapeNs{0};
         std::atomic<int64_t> lag{-1};
     };
 
@@ -85,5 +93,6 @@ private:
     // Follower thread only: the area as the last rescan saw it.
     std::vector<instrument> m_seen;
 
-    Figures m_figures;
+    Counts m_figures;
+    std::unique_ptr<CMetricsServer> m_pMetrics;
 };

@@ -2,6 +2,7 @@
 // subject and key, the conflation table, the replica's writer, the follower's
 // position against the feed, and the command line.
 #include <gtest/gtest.h>
+#include <prometheus/text_serializer.h>
 
 #include <algorithm>
 #include <cmath>
@@ -16,6 +17,7 @@
 
 #include "interface/quvoreader.h"
 #include "tools/bridge/BridgeMessage.h"
+#include "tools/bridge/BridgeMetrics.h"
 #include "tools/bridge/BridgeOptions.h"
 #include "tools/bridge/FeedPosition.h"
 #include "tools/bridge/MirrorBooks.h"
@@ -437,7 +439,9 @@ TEST(BridgeOptionsTest, ReadsEveryOption) {
                                      "--replicas",
                                      "3",
                                      "--json",
-                                     "--stats=0.5"};
+                                     "--stats=0.5",
+                                     "--metrics",
+                                     "127.0.0.1:9470"};
     std::vector<char*> argv = argv_of(args);
     BridgeOptions options;
     std::string error;
@@ -452,6 +456,7 @@ TEST(BridgeOptionsTest, ReadsEveryOption) {
     EXPECT_EQ(options.replicas, 3);
     EXPECT_TRUE(options.json);
     EXPECT_EQ(options.statsSeconds, 0.5);
+    EXPECT_EQ(options.metrics, "127.0.0.1:9470");
     EXPECT_FALSE(options.mirror);
 }
 
@@ -466,6 +471,7 @@ TEST(BridgeOptionsTest, DefaultsToALocalServer) {
     EXPECT_EQ(options.bucket, "quvo-books");
     EXPECT_EQ(options.stream, "quvo-history");
     EXPECT_EQ(options.statsSeconds, 1);
+    EXPECT_TRUE(options.metrics.empty());
     EXPECT_TRUE(options.mirror);
 }
 
@@ -483,6 +489,9 @@ TEST(BridgeOptionsTest, RefusesBadValues) {
              {"--server"},
              {"--json=1"},
              {"--mirror", "--json"},
+             {"--metrics", "9470"},
+             {"--metrics", "127.0.0.1:65536"},
+             {"--metrics"},
              {"--what"},
              {"extra"},
          }) {
@@ -495,6 +504,36 @@ TEST(BridgeOptionsTest, RefusesBadValues) {
             << bad[0];
         EXPECT_FALSE(error.empty());
     }
+}
+
+// Every number of the figures is served: counters with _total, the rest
+// (true as 1) as gauges, the mode's name left out.
+TEST(BridgeFiguresTest, ServesEveryNumberOfTheFigures) {
+    uint64_t published = 7;
+    CBridgeFigures figures("quvo_bridge", [&published] {
+        return nlohmann::ordered_json{{"mode", "publish"}, {"connected", true}, {"published", published},
+                                      {"lag", -1},         {"pending", 3},      {"something_new", 2.5}};
+    });
+    std::vector<prometheus::MetricFamily> families = figures.Collect();
+    ASSERT_EQ(families.size(), 5u);
+    std::vector<std::pair<std::string, prometheus::MetricType>> kinds;
+    for (const prometheus::MetricFamily& family : families) {
+        kinds.emplace_back(family.name, family.type);
+        EXPECT_FALSE(family.help.empty()) << family.name;
+    }
+    EXPECT_EQ(kinds, (std::vector<std::pair<std::string, prometheus::MetricType>>{
+                         {"quvo_bridge_connected", prometheus::MetricType::Gauge},
+                         {"quvo_bridge_published_total", prometheus::MetricType::Counter},
+                         {"quvo_bridge_lag", prometheus::MetricType::Gauge},
+                         {"quvo_bridge_pending", prometheus::MetricType::Gauge},
+                         {"quvo_bridge_something_new", prometheus::MetricType::Gauge}}));
+    published = 9;
+    const std::string text = prometheus::TextSerializer().Serialize(figures.Collect());
+    EXPECT_NE(text.find("\nquvo_bridge_connected 1\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\nquvo_bridge_published_total 9\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\nquvo_bridge_lag -1\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\nquvo_bridge_something_new 2.5\n"), std::string::npos) << text;
+    EXPECT_EQ(text.find("mode"), std::string::npos) << text;
 }
 
 }  // namespace
