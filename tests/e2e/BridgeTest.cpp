@@ -3,16 +3,28 @@
 // the bridge publishing its books, and a mirror in the other. When the feed
 // has stopped and the mirror has caught up, every record of the mirror's area
 // equals the feed's byte for byte, and readers read the same books from both.
+// What the server stored (the history stream, the bucket) is read back
+// through JetStream's API.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "interface/quvobridge.h"
+#include "interface/quvohealthreader.h"
 #include "interface/quvoreader.h"
 #include "tests/support/BookCheck.h"
 #include "tests/support/ChildProcess.h"
@@ -72,6 +84,221 @@ std::vector<std::string> area_differences(const share& feed, const share& mirror
                               std::to_string(mirror.ine_inst_cnt) + " in the mirror");
     }
     return differences;
+}
+
+// The feed's announcement counter, from the health segment of key directory
+// `dir`; -1 when it cannot be read.
+int64_t feed_announcements(const std::string& dir) {
+    setenv(QUVO_KEY_DIR_ENV, dir.c_str(), 1);
+    CQuvoHealthReader reader;
+    std::string error;
+    quvo_health health;
+    if (!reader.Attach(error) || !reader.Read(health, error)) {
+        return -1;
+    }
+    return static_cast<int64_t>(health.ring.write_count);
+}
+
+// Whether the child `pid` has ended, leaving it to be reaped by its owner.
+bool has_ended(pid_t pid) {
+    siginfo_t info{};
+    return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           info.si_pid == pid;
+}
+
+// A NATS client on the server's text protocol, just enough to put questions
+// to the JetStream API and read the answers; the tests link no NATS library.
+class CNatsProbe {
+public:
+    CNatsProbe() = default;
+    ~CNatsProbe() {
+        if (m_fd >= 0) {
+            close(m_fd);
+        }
+    }
+    CNatsProbe(const CNatsProbe&) = delete;
+    CNatsProbe& operator=(const CNatsProbe&) = delete;
+
+    bool Connect(int port, std::string& error) {
+        m_fd = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        if (m_fd < 0 || connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+            error = "cannot connect to port " + std::to_string(port) + ": " + strerror(errno);
+            return false;
+        }
+        const double deadline = seconds_now() + kTimeoutSeconds / 4;
+        std::string line;
+        if (!_ReadLine(deadline, line) || line.rfind("INFO ", 0) != 0) {
+            error = "no INFO from the server: '" + line + "'";
+            return false;
+        }
+        _Send(
+            "CONNECT {\"verbose\":false,\"pedantic\":false,\"name\":\"test probe\"}\r\n"
+            "SUB _INBOX.probe.> 1\r\nPING\r\n");
+        while (_ReadLine(deadline, line)) {
+            if (line == "PONG") {
+                return true;
+            }
+            if (line.rfind("-ERR", 0) == 0) {
+                error = line;
+                return false;
+            }
+        }
+        error = "no PONG from the server";
+        return false;
+    }
+
+    // Sends `payload` to `subject` and waits up to `seconds` for the reply;
+    // true with its payload in `reply`.
+    bool Request(const std::string& subject, const std::string& payload, double seconds, std::string& reply) {
+        const std::string inbox = "_INBOX.probe." + std::to_string(++m_requests);
+        _Send("PUB " + subject + " " + inbox + " " + std::to_string(payload.size()) + "\r\n" + payload +
+              "\r\n");
+        const double deadline = seconds_now() + seconds;
+        std::string line;
+        while (_ReadLine(deadline, line)) {
+            if (line == "PING") {
+                _Send("PONG\r\n");
+                continue;
+            }
+            const std::vector<std::string> parts = words(line);
+            if (parts.size() < 4 || parts[0] != "MSG") {
+                continue;
+            }
+            std::string data;
+            if (!_Read(std::stoul(parts.back()) + 2, deadline, data)) {
+                return false;
+            }
+            // A late answer to an earlier request that timed out is passed over.
+            if (parts[1] == inbox) {
+                reply = data.substr(0, data.size() - 2);
+                return true;
+            }
+        }
+        return false;
+    }
+
+private:
+    void _Send(const std::string& data) {
+        for (size_t sent = 0; sent < data.size();) {
+            const ssize_t n = send(m_fd, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
+            if (n <= 0) {
+                return;
+            }
+            sent += static_cast<size_t>(n);
+        }
+    }
+
+    bool _Fill(double deadline) {
+        const double left = deadline - seconds_now();
+        pollfd ready{m_fd, POLLIN, 0};
+        if (left <= 0 || poll(&ready, 1, static_cast<int>(left * 1000) + 1) <= 0) {
+            return false;
+        }
+        char buffer[65536];
+        const ssize_t n = recv(m_fd, buffer, sizeof(buffer), 0);
+        if (n <= 0) {
+            return false;
+        }
+        m_in.append(buffer, static_cast<size_t>(n));
+        return true;
+    }
+
+    bool _ReadLine(double deadline, std::string& line) {
+        size_t end;
+        while ((end = m_in.find("\r\n")) == std::string::npos) {
+            if (!_Fill(deadline)) {
+                return false;
+            }
+        }
+        line = m_in.substr(0, end);
+        m_in.erase(0, end + 2);
+        return true;
+    }
+
+    bool _Read(size_t size, double deadline, std::string& out) {
+        while (m_in.size() < size) {
+            if (!_Fill(deadline)) {
+                return false;
+            }
+        }
+        out = m_in.substr(0, size);
+        m_in.erase(0, size);
+        return true;
+    }
+
+    int m_fd = -1;
+    std::string m_in;
+    uint64_t m_requests = 0;
+};
+
+// The JetStream API's answer to `payload` on `subject`; null when none came.
+nlohmann::json js_request(CNatsProbe& probe, const std::string& subject, const std::string& payload = "") {
+    std::string reply;
+    if (!probe.Request(subject, payload, kTimeoutSeconds / 10, reply)) {
+        return nullptr;
+    }
+    return nlohmann::json::parse(reply, nullptr, false);
+}
+
+// The stream's configuration and state ("config", "state"); null, or an
+// object with "error", when the server has none to give.
+nlohmann::json stream_info(CNatsProbe& probe, const std::string& stream) {
+    return js_request(probe, "$JS.API.STREAM.INFO." + stream);
+}
+
+// `field` of the stream's "config" or "state" (`section`), or -2 when there is none.
+int64_t stream_figure(const nlohmann::json& info, const char* section, const char* field) {
+    if (!info.is_object() || !info.contains(section) || !info[section].contains(field) ||
+        !info[section][field].is_number()) {
+        return -2;
+    }
+    return info[section][field].get<int64_t>();
+}
+
+std::string base64_decode(const std::string& text) {
+    static const std::string kDigits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string out;
+    uint32_t bits = 0;
+    int held = 0;
+    for (const char c : text) {
+        const size_t digit = kDigits.find(c);
+        if (digit == std::string::npos) {
+            continue;
+        }
+        bits = (bits << 6) | static_cast<uint32_t>(digit);
+        held += 6;
+        if (held >= 8) {
+            held -= 8;
+            out += static_cast<char>((bits >> held) & 0xFF);
+        }
+    }
+    return out;
+}
+
+// The book message stored in `stream` at the first sequence at or after
+// `seq` (on `subject`, when given); false when there is none. `seq` becomes
+// the message's own sequence.
+bool stored_message(CNatsProbe& probe, const std::string& stream, uint64_t& seq, quvo_book_msg& msg,
+                    const std::string& subject = "") {
+    nlohmann::json request = {{"seq", seq}};
+    if (!subject.empty()) {
+        request["next_by_subj"] = subject;
+    }
+    const nlohmann::json answer = js_request(probe, "$JS.API.STREAM.MSG.GET." + stream, request.dump());
+    if (!answer.is_object() || !answer.contains("message")) {
+        return false;
+    }
+    const std::string data = base64_decode(answer["message"].value("data", ""));
+    if (data.size() != QUVO_BOOK_MSG_SIZE) {
+        return false;
+    }
+    memcpy(&msg, data.data(), sizeof(msg));
+    seq = answer["message"].value("seq", uint64_t{0});
+    return msg.magic == QUVO_BOOK_MSG_MAGIC && msg.version == QUVO_BOOK_MSG_VERSION;
 }
 
 class BridgeE2E : public ::testing::Test {
@@ -276,6 +503,157 @@ TEST_F(BridgeE2E, MirrorRefusesKeyFilesAFeedWrites) {
     EXPECT_EQ(status, 3);
     EXPECT_TRUE(contains(read_file(FigureFile("mirror.out")), "another feed"))
         << read_file(FigureFile("mirror.out"));
+    ExpectStops(*feed, "feed.out");
+    server.Stop();
+}
+
+TEST_F(BridgeE2E, LappedByTheRingComparesEveryBookAndCatchesUp) {
+    CNatsServer server(QUVO_NATS_SERVER_PATH, m_dir.Path(), "n1");
+    std::string error;
+    ASSERT_TRUE(server.Start(kTimeoutSeconds / 4, error)) << error;
+    const std::string url = server.Url();
+    // So many instruments that the last ring's worth of announcements leaves
+    // some out: only the comparison of every record finds their last books.
+    std::unique_ptr<CChildProcess> feed =
+        StartFeed("sim:shfe=8000,ine=2000,rate=100000,records=130000,seed=24,exit=0.5");
+    std::unique_ptr<CChildProcess> bridge =
+        StartBridge(m_feedKeys.Dir(), "bridge.out", {"--server", url, "--stats=0.05"});
+    std::unique_ptr<CChildProcess> mirror =
+        StartBridge(m_mirrorKeys.Dir(), "mirror.out", {"--mirror", "--server", url, "--stats=0.1"});
+    ASSERT_TRUE(poll_until([&] { return last_figure(FigureFile("bridge.out"), "announcements") > 0; },
+                           kTimeoutSeconds, 5))
+        << read_file(FigureFile("bridge.out"));
+    bridge->Signal(SIGSTOP);
+    const int64_t announcedAtStop = feed_announcements(m_feedKeys.Dir());
+    ASSERT_GE(announcedAtStop, 0);
+    ASSERT_TRUE(poll_until([&] { return has_ended(feed->Pid()); }, kTimeoutSeconds, 20))
+        << read_file(m_dir.Path() + "/feed.out");
+    const int64_t announcedAtEnd = feed_announcements(m_feedKeys.Dir());
+    bridge->Signal(SIGCONT);
+    ASSERT_GT(announcedAtEnd - announcedAtStop, QUVO_UPDATE_RING_ENTRIES * 5 / 4)
+        << "the feed made too few announcements while the bridge was held";
+    ExpectMirrorEqualsFeed(*feed);
+    ExpectStops(*bridge, "bridge.out");
+    ExpectStops(*mirror, "mirror.out");
+    const int64_t laps = last_figure(FigureFile("bridge.out"), "laps");
+    EXPECT_GE(laps, 1) << read_file(FigureFile("bridge.out"));
+    // One comparison at the start, one for each lap.
+    EXPECT_GE(last_figure(FigureFile("bridge.out"), "rescans"), laps + 1);
+    EXPECT_EQ(last_figure(FigureFile("bridge.out"), "lag"), 0);
+    EXPECT_EQ(last_figure(FigureFile("mirror.out"), "invalid"), 0);
+    server.Stop();
+}
+
+TEST_F(BridgeE2E, RestartedBridgePublishesUnderALaterEpochThatTheMirrorApplies) {
+    CNatsServer server(QUVO_NATS_SERVER_PATH, m_dir.Path(), "n1");
+    std::string error;
+    ASSERT_TRUE(server.Start(kTimeoutSeconds / 4, error)) << error;
+    const std::string url = server.Url();
+    std::unique_ptr<CChildProcess> feed =
+        StartFeed("sim:shfe=300,ine=60,rate=20000,records=60000,seed=25,exit=0.5");
+    std::unique_ptr<CChildProcess> first =
+        StartBridge(m_feedKeys.Dir(), "first.out", {"--server", url, "--stats=0.1"});
+    std::unique_ptr<CChildProcess> mirror =
+        StartBridge(m_mirrorKeys.Dir(), "mirror.out", {"--mirror", "--server", url, "--stats=0.1"});
+    // The first bridge carries most of the run, so that its sequence numbers
+    // stay above the second's: only the later epoch lets the mirror take the
+    // second's books.
+    ASSERT_TRUE(poll_until(
+        [&] {
+            return feed_announcements(m_feedKeys.Dir()) > 40000 &&
+                   last_figure(FigureFile("first.out"), "published") > 1000 &&
+                   last_figure(FigureFile("mirror.out"), "applied") > 1000;
+        },
+        kTimeoutSeconds, 20))
+        << read_file(FigureFile("first.out")) << read_file(FigureFile("mirror.out"));
+    ExpectStops(*first, "first.out");
+    // The books move on with no bridge.
+    const int64_t announcedAtStop = feed_announcements(m_feedKeys.Dir());
+    ASSERT_TRUE(poll_until([&] { return feed_announcements(m_feedKeys.Dir()) > announcedAtStop + 2000; },
+                           kTimeoutSeconds / 2, 20));
+    std::unique_ptr<CChildProcess> bridge =
+        StartBridge(m_feedKeys.Dir(), "bridge.out", {"--server", url, "--stats=0.1"});
+    ExpectMirrorEqualsFeed(*feed);
+    ExpectStops(*bridge, "bridge.out");
+    ExpectStops(*mirror, "mirror.out");
+    EXPECT_EQ(last_figure(FigureFile("mirror.out"), "invalid"), 0);
+
+    // The history starts with the first bridge's messages; the bucket holds
+    // only the second's, every book in it published again under its later epoch.
+    CNatsProbe probe;
+    ASSERT_TRUE(probe.Connect(server.Port(), error)) << error;
+    uint64_t seq = 1;
+    quvo_book_msg oldest{};
+    ASSERT_TRUE(stored_message(probe, "quvo-history", seq, oldest));
+    std::set<uint64_t> epochs;
+    std::set<uint16_t> slots;
+    seq = 1;
+    quvo_book_msg entry{};
+    while (slots.size() < QUVO_INST_SLOTS &&
+           stored_message(probe, "KV_quvo-books", seq, entry, "$KV.quvo-books.>")) {
+        epochs.insert(entry.epoch);
+        slots.insert(entry.slot);
+        ++seq;
+    }
+    CQuvoReader feedReader;
+    attach_at(feedReader, m_feedKeys.Dir());
+    EXPECT_EQ(slots.size(), feedReader.ListSlots().size());
+    ASSERT_EQ(epochs.size(), 1u);
+    EXPECT_GT(*epochs.begin(), oldest.epoch);
+    server.Stop();
+}
+
+TEST_F(BridgeE2E, HistoryStreamTakesTheRetentionOfTheOptions) {
+    CNatsServer server(QUVO_NATS_SERVER_PATH, m_dir.Path(), "n1");
+    std::string error;
+    ASSERT_TRUE(server.Start(kTimeoutSeconds / 4, error)) << error;
+    const std::string url = server.Url();
+    CNatsProbe probe;
+    ASSERT_TRUE(probe.Connect(server.Port(), error)) << error;
+    std::unique_ptr<CChildProcess> feed = StartFeed("sim:shfe=300,ine=60,rate=20000,records=40000,seed=26");
+    constexpr int64_t kLimit = 100000;
+    std::unique_ptr<CChildProcess> bridge = StartBridge(
+        m_feedKeys.Dir(), "bridge.out", {"--server", url, "--history-bytes", std::to_string(kLimit)});
+    // Far more is published than the limit holds, so the oldest go.
+    nlohmann::json info;
+    int64_t mostBytes = 0;
+    EXPECT_TRUE(poll_until(
+        [&] {
+            info = stream_info(probe, "quvo-history");
+            mostBytes = std::max(mostBytes, stream_figure(info, "state", "bytes"));
+            return stream_figure(info, "state", "first_seq") > 1;
+        },
+        kTimeoutSeconds / 2, 20))
+        << info.dump();
+    EXPECT_EQ(stream_figure(info, "config", "max_bytes"), kLimit);
+    EXPECT_EQ(stream_figure(info, "config", "max_age"), int64_t{86400} * 1000000000);
+    EXPECT_LE(mostBytes, kLimit);
+    EXPECT_GT(mostBytes, kLimit / 2);
+    ExpectStops(*bridge, "bridge.out");
+    info = stream_info(probe, "quvo-history");
+    const int64_t lastOfFirst = stream_figure(info, "state", "last_seq");
+    ASSERT_GT(lastOfFirst, 0) << info.dump();
+
+    // Started again with an age instead, it brings the stream to it; once the
+    // feed has stopped and the age has passed, what it published is gone too.
+    bridge = StartBridge(m_feedKeys.Dir(), "bridge.out", {"--server", url, "--history-age", "1"});
+    EXPECT_TRUE(poll_until(
+        [&] {
+            info = stream_info(probe, "quvo-history");
+            return stream_figure(info, "config", "max_age") == 1000000000;
+        },
+        kTimeoutSeconds / 2, 20))
+        << info.dump();
+    EXPECT_EQ(stream_figure(info, "config", "max_bytes"), -1);
+    EXPECT_TRUE(poll_until(
+        [&] {
+            info = stream_info(probe, "quvo-history");
+            return stream_figure(info, "state", "last_seq") > lastOfFirst &&
+                   stream_figure(info, "state", "messages") == 0;
+        },
+        kTimeoutSeconds, 50))
+        << info.dump();
+    ExpectStops(*bridge, "bridge.out");
     ExpectStops(*feed, "feed.out");
     server.Stop();
 }
