@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -28,6 +29,7 @@
 #include "interface/quvoreader.h"
 #include "tests/support/BookCheck.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/HttpGet.h"
 #include "tests/support/NatsServer.h"
 #include "tests/support/PipedProcess.h"
 #include "tests/support/Poll.h"
@@ -397,6 +399,74 @@ TEST_F(BridgeE2E, MirrorStartedMidRunEndsWithTheFeedsBooks) {
     EXPECT_GT(last_figure(FigureFile("mirror.out"), "applied"), 1000);
     EXPECT_EQ(last_figure(FigureFile("mirror.out"), "invalid"), 0);
     EXPECT_EQ(last_figure(FigureFile("bridge.out"), "publish_errors"), 0);
+    server.Stop();
+}
+
+// The port a bridge named on its "serving" line, or -1 before it has.
+int serving_port(const std::string& path) {
+    const std::string text = read_file(path);
+    const std::string mark = "quvo-bridge: serving http://127.0.0.1:";
+    const size_t at = text.find(mark);
+    return at == std::string::npos ? -1 : atoi(text.c_str() + at + mark.size());
+}
+
+// The value of the unlabelled sample `name` in an exposition, or NAN.
+double sample_of(const std::string& exposition, const std::string& name) {
+    for (const std::string& line : split_lines(exposition)) {
+        if (line.size() > name.size() && line.compare(0, name.size() + 1, name + " ") == 0) {
+            return strtod(line.c_str() + name.size() + 1, nullptr);
+        }
+    }
+    return NAN;
+}
+
+// Once the feed has stopped and the mirror holds its books, the figures each
+// side serves for Prometheus are the ones it prints.
+TEST_F(BridgeE2E, ServesItsFiguresForPrometheus) {
+    CNatsServer server(QUVO_NATS_SERVER_PATH, m_dir.Path(), "n1");
+    std::string error;
+    ASSERT_TRUE(server.Start(kTimeoutSeconds / 4, error)) << error;
+    const std::string url = server.Url();
+    std::unique_ptr<CChildProcess> feed =
+        StartFeed("sim:shfe=100,ine=20,rate=20000,records=10000,seed=29,exit=0.5");
+    std::unique_ptr<CChildProcess> bridge = StartBridge(
+        m_feedKeys.Dir(), "bridge.out", {"--server", url, "--stats=0.1", "--metrics", "127.0.0.1:0"});
+    std::unique_ptr<CChildProcess> mirror =
+        StartBridge(m_mirrorKeys.Dir(), "mirror.out",
+                    {"--mirror", "--server", url, "--stats=0.1", "--metrics=127.0.0.1:0"});
+    ExpectMirrorEqualsFeed(*feed);
+    const int bridgePort = serving_port(FigureFile("bridge.out"));
+    const int mirrorPort = serving_port(FigureFile("mirror.out"));
+    ASSERT_GT(bridgePort, 0) << read_file(FigureFile("bridge.out"));
+    ASSERT_GT(mirrorPort, 0) << read_file(FigureFile("mirror.out"));
+    // Both sides are idle now: a printed line and a scrape read the same counts.
+    std::string bridgeFigures;
+    std::string mirrorFigures;
+    EXPECT_TRUE(poll_until(
+        [&] {
+            return scrape_metrics(bridgePort, bridgeFigures, error) &&
+                   sample_of(bridgeFigures, "quvo_bridge_published_total") ==
+                       static_cast<double>(last_figure(FigureFile("bridge.out"), "published")) &&
+                   scrape_metrics(mirrorPort, mirrorFigures, error) &&
+                   sample_of(mirrorFigures, "quvo_mirror_applied_total") ==
+                       static_cast<double>(last_figure(FigureFile("mirror.out"), "applied"));
+        },
+        kTimeoutSeconds / 4, 100))
+        << error << "\n"
+        << bridgeFigures << "\n"
+        << mirrorFigures;
+    EXPECT_GT(sample_of(bridgeFigures, "quvo_bridge_published_total"), 100);
+    EXPECT_EQ(sample_of(bridgeFigures, "quvo_bridge_connected"), 1);
+    EXPECT_EQ(sample_of(bridgeFigures, "quvo_bridge_lag"), 0);
+    EXPECT_EQ(sample_of(bridgeFigures, "quvo_bridge_pending"), 0);
+    EXPECT_EQ(sample_of(bridgeFigures, "quvo_bridge_announcements_total"),
+              static_cast<double>(last_figure(FigureFile("bridge.out"), "announcements")));
+    EXPECT_NE(bridgeFigures.find("# TYPE quvo_bridge_published_total counter"), std::string::npos);
+    EXPECT_EQ(sample_of(mirrorFigures, "quvo_mirror_connected"), 1);
+    EXPECT_EQ(sample_of(mirrorFigures, "quvo_mirror_invalid_total"), 0);
+    EXPECT_GE(sample_of(mirrorFigures, "quvo_mirror_resyncs_total"), 1);
+    ExpectStops(*bridge, "bridge.out");
+    ExpectStops(*mirror, "mirror.out");
     server.Stop();
 }
 
