@@ -56,6 +56,9 @@ bool CNatsServer::Start(double seconds, std::string& error) {
     std::vector<std::string> argv = {
         m_program,     "--addr",      "127.0.0.1",      "--port",        std::to_string(m_port),
         "--jetstream", "--store_dir", m_dir + "/store", "--server_name", m_name};
+    if (!m_config.empty()) {
+        argv.insert(argv.begin() + 1, {"--config", m_config});
+    }
     if (m_clusterPort > 0) {
         std::string routes;
         for (const int route : m_routes) {

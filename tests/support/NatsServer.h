@@ -20,6 +20,10 @@ public:
     CNatsServer(const std::string& program, const std::string& dir, const std::string& name,
                 int clusterPort = 0, std::vector<int> routes = {});
 
+    // Has the server read the configuration file at `path` too when it starts;
+    // the options of the command line (address, port, JetStream) override it.
+    void SetConfig(const std::string& path) { m_config = path; }
+
     // Starts it (on the same port as before when restarted) and waits up to
     // `seconds` for it to be ready; false with the reason in `error`.
     bool Start(double seconds, std::string& error);
@@ -40,6 +44,7 @@ private:
     int m_port;
     int m_clusterPort;
     std::vector<int> m_routes;
+    std::string m_config;
     int m_starts = 0;
     std::unique_ptr<CChildProcess> m_pProcess;
 };

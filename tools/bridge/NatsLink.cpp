@@ -1,10 +1,45 @@
 #include "tools/bridge/NatsLink.h"
 
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
 #include <vector>
 
 namespace {
 
 constexpr int64_t kCloseWaitMs = 5000;
+constexpr int64_t kReconnectWaitMs = 200;
+constexpr int64_t kReconnectJitterMs = 100;
+// Only a bound: the library settles the first attempt within milliseconds.
+constexpr auto kFirstAttemptWait = std::chrono::seconds(10);
+
+// The library reads the file only when it connects, and then reports no
+// cause when it cannot: read it here first.
+bool check_credentials(const std::string& path, std::string& error) {
+    FILE* file = fopen(path.c_str(), "r");
+    if (file == nullptr) {
+        error = "cannot read the credentials file " + path + ": " + strerror(errno);
+        return false;
+    }
+    std::string text;
+    char buffer[4096];
+    size_t got = 0;
+    while ((got = fread(buffer, 1, sizeof(buffer), file)) > 0) {
+        text.append(buffer, got);
+    }
+    const int readError = ferror(file) != 0 ? errno : 0;
+    fclose(file);
+    if (readError != 0) {
+        error = "cannot read the credentials file " + path + ": " + strerror(readError);
+        return false;
+    }
+    if (text.find("JWT-----") == std::string::npos || text.find("SEED-----") == std::string::npos) {
+        error = "the credentials file " + path + " holds no user JWT and seed";
+        return false;
+    }
+    return true;
+}
 
 }  // namespace
 
@@ -23,6 +58,10 @@ CNatsLink::~CNatsLink() {
 }
 
 bool CNatsLink::Open(const BridgeOptions& options, const char* name, std::string& error) {
+    m_creds = options.creds;
+    if (!m_creds.empty() && !check_credentials(m_creds, error)) {
+        return false;
+    }
     natsStatus status = natsOptions_Create(&m_pOptions);
     std::vector<const char*> servers;
     for (const std::string& server : options.servers) {
@@ -42,7 +81,7 @@ bool CNatsLink::Open(const BridgeOptions& options, const char* name, std::string
         status = natsOptions_SetMaxReconnect(m_pOptions, -1);
     }
     if (status == NATS_OK) {
-        status = natsOptions_SetReconnectWait(m_pOptions, 200);
+        status = natsOptions_SetCustomReconnectDelay(m_pOptions, _ReconnectDelay, this);
     }
     if (status == NATS_OK) {
         status = natsOptions_SetTimeout(m_pOptions, 2000);
@@ -62,6 +101,9 @@ bool CNatsLink::Open(const BridgeOptions& options, const char* name, std::string
     if (status == NATS_OK) {
         status = natsOptions_SetErrorHandler(m_pOptions, _OnError, this);
     }
+    if (status == NATS_OK) {
+        status = natsOptions_SetClosedCB(m_pOptions, _OnClosed, this);
+    }
     if (status != NATS_OK) {
         error = "cannot set the NATS options: " + nats_error_text(status);
         return false;
@@ -73,7 +115,28 @@ bool CNatsLink::Open(const BridgeOptions& options, const char* name, std::string
         error = "cannot connect to NATS: " + nats_error_text(status);
         return false;
     }
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (status == NATS_NOT_YET_CONNECTED) {
+        // The library retries a server it cannot reach, but closes the
+        // connection at once, with no cause, when a server refuses the client:
+        // wait for the one or the other, so that a refusal ends the start.
+        m_changed.wait_for(lock, kFirstAttemptWait, [this] {
+            return m_closed || m_retrying || m_generation.load(std::memory_order_acquire) > 0;
+        });
+        if (m_closed) {
+            error = _RefusedText();
+            return false;
+        }
+    }
+    m_opened = true;
     return true;
+}
+
+std::string CNatsLink::_RefusedText() const {
+    if (m_creds.empty()) {
+        return "the NATS server refused the connection: it requires credentials (--creds FILE)";
+    }
+    return "the NATS server refused the connection: it does not accept the credentials in " + m_creds;
 }
 
 bool CNatsLink::Connected() const {
@@ -81,6 +144,10 @@ bool CNatsLink::Connected() const {
 }
 
 void CNatsLink::Close() {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_closing = true;
+    }
     if (m_pConn != nullptr) {
         natsConnection_Close(m_pConn);
         natsConnection_Destroy(m_pConn);
@@ -96,7 +163,10 @@ void CNatsLink::Close() {
 }
 
 void CNatsLink::_OnConnected(natsConnection*, void* closure) {
-    static_cast<CNatsLink*>(closure)->m_generation.fetch_add(1, std::memory_order_acq_rel);
+    CNatsLink* link = static_cast<CNatsLink*>(closure);
+    link->m_generation.fetch_add(1, std::memory_order_acq_rel);
+    std::lock_guard<std::mutex> lock(link->m_mutex);
+    link->m_changed.notify_all();
 }
 
 void CNatsLink::_OnReconnected(natsConnection*, void* closure) {
@@ -113,4 +183,29 @@ void CNatsLink::_OnError(natsConnection*, natsSubscription*, natsStatus status, 
     if (status == NATS_SLOW_CONSUMER) {
         static_cast<CNatsLink*>(closure)->m_slowConsumer.store(true);
     }
+}
+
+void CNatsLink::_OnClosed(natsConnection*, void* closure) {
+    CNatsLink* link = static_cast<CNatsLink*>(closure);
+    std::lock_guard<std::mutex> lock(link->m_mutex);
+    link->m_closed = true;
+    link->m_changed.notify_all();
+    if (link->m_opened && !link->m_closing) {
+        // Reconnection is endless, so the library closed because every server refused the client.
+        fprintf(stderr, "quvo-bridge: NATS closed the connection for good: %s\n",
+                link->_RefusedText().c_str());
+    }
+}
+
+int64_t CNatsLink::_ReconnectDelay(natsConnection*, int, void* closure) {
+    CNatsLink* link = static_cast<CNatsLink*>(closure);
+    {
+        std::lock_guard<std::mutex> lock(link->m_mutex);
+        link->m_retrying = true;
+        link->m_changed.notify_all();
+    }
+    // Spread, so that bridges that lost the same server do not all return at once.
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return kReconnectWaitMs +
+           std::chrono::duration_cast<std::chrono::microseconds>(now).count() % kReconnectJitterMs;
 }

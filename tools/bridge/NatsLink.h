@@ -5,7 +5,9 @@
 #include <nats/nats.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 #include "tools/bridge/BridgeOptions.h"
@@ -20,7 +22,10 @@ public:
 
     // Starts connecting; true when connected or still trying in the
     // background (no server is up yet), false with `error` for options NATS
-    // refuses (a bad URL, an unreadable credentials file).
+    // refuses (a bad URL), a credentials file that cannot be read or holds no
+    // user JWT and seed, and a server that refuses the connection (it does
+    // not accept the credentials, or wants some and none were given), after
+    // which the library would not try again.
     bool Open(const BridgeOptions& options, const char* name, std::string& error);
 
     natsConnection* Connection() const { return m_pConn; }
@@ -44,6 +49,9 @@ private:
     static void _OnReconnected(natsConnection* conn, void* closure);
     static void _OnDisconnected(natsConnection* conn, void* closure);
     static void _OnError(natsConnection* conn, natsSubscription* sub, natsStatus status, void* closure);
+    static void _OnClosed(natsConnection* conn, void* closure);
+    static int64_t _ReconnectDelay(natsConnection* conn, int attempts, void* closure);
+    std::string _RefusedText() const;
 
     natsOptions* m_pOptions = nullptr;
     natsConnection* m_pConn = nullptr;
@@ -51,6 +59,15 @@ private:
     std::atomic<uint64_t> m_reconnects{0};
     std::atomic<uint64_t> m_disconnects{0};
     std::atomic<bool> m_slowConsumer{false};
+    std::string m_creds;
+    // What became of the first connection attempt, and whether Open has
+    // returned or Close begun: a closing after that is told on stderr.
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_closed = false;
+    bool m_retrying = false;
+    bool m_opened = false;
+    bool m_closing = false;
 };
 
 // "text of the status: last error", for messages.
