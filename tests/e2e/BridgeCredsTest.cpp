@@ -172,23 +172,32 @@ TEST_F(BridgeCredsE2E, ClientTheServerRefusesEndsNamingTheCause) {
     EXPECT_EQ(count_of(m_server->Output(), "authentication error"), 4u) << m_server->Output();
 }
 
-TEST_F(BridgeCredsE2E, RefusalAfterTheStartIsToldAtOnce) {
-    // Unreachable at the start, the server is waited for; once up, it refuses.
+TEST_F(BridgeCredsE2E, RefusalAfterTheStartEndsItNamingTheCause) {
+    // Unreachable at the start, the server is waited for; once up, it refuses
+    // both, and the library never tries again: each ends with status 2.
     m_server->Stop();
     std::unique_ptr<CChildProcess> mirror = StartBridge(
         m_mirrorKeys.Dir(), "mirror.out", {"--mirror", "--stats=0.1", "--creds", m_strangerCreds});
+    std::unique_ptr<CChildProcess> bridge =
+        StartBridge(m_feedKeys.Dir(), "bridge.out", {"--stats=0.1", "--creds", m_strangerCreds});
     ASSERT_TRUE(wait_for_text(Out("mirror.out"), "\"connected\":false", kTimeoutSeconds / 4, 20))
         << read_file(Out("mirror.out"));
+    ASSERT_TRUE(wait_for_text(Out("bridge.out"), "waiting for the feed", kTimeoutSeconds / 4, 20))
+        << read_file(Out("bridge.out"));
     std::string error;
     ASSERT_TRUE(m_server->Start(kTimeoutSeconds / 4, error)) << error;
-    EXPECT_TRUE(
-        wait_for_text(Out("mirror.out"),
-                      "NATS closed the connection for good: the NATS server refused the connection: it "
-                      "does not accept the credentials in " +
-                          m_strangerCreds,
-                      kTimeoutSeconds / 4, 20))
-        << read_file(Out("mirror.out")) << m_server->Output();
-    ExpectStops(*mirror, "mirror.out");
+    for (const auto& [process, output] :
+         {std::pair{mirror.get(), "mirror.out"}, std::pair{bridge.get(), "bridge.out"}}) {
+        int status = -1;
+        ASSERT_TRUE(process->Wait(kTimeoutSeconds / 4, status)) << read_file(Out(output));
+        EXPECT_EQ(status, 2) << read_file(Out(output));
+        EXPECT_TRUE(
+            contains(read_file(Out(output)),
+                     "NATS closed the connection for good: the NATS server refused the connection: it "
+                     "does not accept the credentials in " +
+                         m_strangerCreds))
+            << read_file(Out(output)) << m_server->Output();
+    }
 }
 
 TEST_F(BridgeCredsE2E, CredsFileThatCannotBeReadEndsTheStart) {

@@ -62,7 +62,7 @@ int CBridgeMirror::Run(const volatile sig_atomic_t& stop) {
     uint64_t loadedGeneration = 0;
     bool told = false;
     int64_t nextFigures = now_ms() + static_cast<int64_t>(m_options.statsSeconds * 1000);
-    while (!stop) {
+    while (!stop && !m_link.Refused()) {
         if (m_link.TakeSlowConsumer()) {
             // Live messages were dropped: the bucket has what they carried.
             m_slowConsumers.fetch_add(1, std::memory_order_relaxed);
@@ -110,7 +110,7 @@ int CBridgeMirror::Run(const volatile sig_atomic_t& stop) {
     if (m_options.statsSeconds > 0) {
         _PrintFigures();
     }
-    return 0;
+    return m_link.Refused() ? 2 : 0;
 }
 
 void CBridgeMirror::_OnMessage(natsConnection*, natsSubscription*, natsMsg* msg, void* closure) {

@@ -58,7 +58,8 @@ const char* const kBridgeUsage =
     "books read from the bucket, reconnects.\n"
     "\n"
     "SIGINT (Ctrl+C) or SIGTERM stops it with status 0. Exit status 2: bad options or NATS options,\n"
-    "a credentials file that cannot be read, or a server that refuses the connection (credentials);\n"
+    "a credentials file that cannot be read, or a server that refuses the connection (credentials),\n"
+    "at the start or later;\n"
     "3: a feed or another mirror writes the key files; 1: the shared memory cannot be made.\n";
 
 namespace {

@@ -194,6 +194,7 @@ void CNatsLink::_OnClosed(natsConnection*, void* closure) {
         // Reconnection is endless, so the library closed because every server refused the client.
         fprintf(stderr, "quvo-bridge: NATS closed the connection for good: %s\n",
                 link->_RefusedText().c_str());
+        link->m_refused.store(true, std::memory_order_relaxed);
     }
 }
 

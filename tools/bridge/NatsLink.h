@@ -39,6 +39,9 @@ public:
     // Whether a subscription fell behind and the server dropped messages to
     // it since the last call.
     bool TakeSlowConsumer() { return m_slowConsumer.exchange(false); }
+    // Whether the servers refused the client after the start: the library
+    // then never connects again, so the bridge ends rather than sit idle.
+    bool Refused() const { return m_refused.load(std::memory_order_relaxed); }
 
     // Closes the connection and ends the library, waiting for the threads
     // that call the handlers: one link per process.
@@ -59,6 +62,7 @@ private:
     std::atomic<uint64_t> m_reconnects{0};
     std::atomic<uint64_t> m_disconnects{0};
     std::atomic<bool> m_slowConsumer{false};
+    std::atomic<bool> m_refused{false};
     std::string m_creds;
     // What became of the first connection attempt, and whether Open has
     // returned or Close begun: a closing after that is told on stderr.
