@@ -421,7 +421,8 @@ double sample_of(const std::string& exposition, const std::string& name) {
 }
 
 // Once the feed has stopped and the mirror holds its books, the figures each
-// side serves for Prometheus are the ones it prints.
+// side serves for Prometheus are the ones it prints. The bridge writes each
+// message at once here, which must carry the same books.
 TEST_F(BridgeE2E, ServesItsFiguresForPrometheus) {
     CNatsServer server(QUVO_NATS_SERVER_PATH, m_dir.Path(), "n1");
     std::string error;
@@ -429,8 +430,9 @@ TEST_F(BridgeE2E, ServesItsFiguresForPrometheus) {
     const std::string url = server.Url();
     std::unique_ptr<CChildProcess> feed =
         StartFeed("sim:shfe=100,ine=20,rate=20000,records=10000,seed=29,exit=0.5");
-    std::unique_ptr<CChildProcess> bridge = StartBridge(
-        m_feedKeys.Dir(), "bridge.out", {"--server", url, "--stats=0.1", "--metrics", "127.0.0.1:0"});
+    std::unique_ptr<CChildProcess> bridge =
+        StartBridge(m_feedKeys.Dir(), "bridge.out",
+                    {"--server", url, "--stats=0.1", "--metrics", "127.0.0.1:0", "--send-at-once"});
     std::unique_ptr<CChildProcess> mirror =
         StartBridge(m_mirrorKeys.Dir(), "mirror.out",
                     {"--mirror", "--server", url, "--stats=0.1", "--metrics=127.0.0.1:0"});

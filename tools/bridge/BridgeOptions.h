@@ -15,6 +15,7 @@ struct BridgeOptions {
     int64_t historyBytes = -1;      // and by size; -1 no limit
     int replicas = 1;               // of the stream and the bucket, when the bridge makes them
     bool json = false;
+    bool sendAtOnce = false;  // each message written at once rather than gathered
     bool mirror = false;
     double statsSeconds = 0;  // 0: no figures
     std::string metrics;      // ADDR:PORT to serve the figures on for Prometheus, or empty

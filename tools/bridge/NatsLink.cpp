@@ -76,6 +76,11 @@ bool CNatsLink::Open(const BridgeOptions& options, const char* name, std::string
     if (status == NATS_OK) {
         status = natsOptions_SetName(m_pOptions, name);
     }
+    // The library's flusher waits about a millisecond to gather messages
+    // into one write; at once, each is a write of its own.
+    if (status == NATS_OK && options.sendAtOnce) {
+        status = natsOptions_SetSendAsap(m_pOptions, true);
+    }
     // Never give up: the bridge outlives any server restart.
     if (status == NATS_OK) {
         status = natsOptions_SetMaxReconnect(m_pOptions, -1);

@@ -439,6 +439,7 @@ TEST(BridgeOptionsTest, ReadsEveryOption) {
                                      "--replicas",
                                      "3",
                                      "--json",
+                                     "--send-at-once",
                                      "--stats=0.5",
                                      "--metrics",
                                      "127.0.0.1:9470"};
@@ -455,6 +456,7 @@ TEST(BridgeOptionsTest, ReadsEveryOption) {
     EXPECT_EQ(options.historyBytes, 1000);
     EXPECT_EQ(options.replicas, 3);
     EXPECT_TRUE(options.json);
+    EXPECT_TRUE(options.sendAtOnce);
     EXPECT_EQ(options.statsSeconds, 0.5);
     EXPECT_EQ(options.metrics, "127.0.0.1:9470");
     EXPECT_FALSE(options.mirror);
@@ -472,6 +474,7 @@ TEST(BridgeOptionsTest, DefaultsToALocalServer) {
     EXPECT_EQ(options.stream, "quvo-history");
     EXPECT_EQ(options.statsSeconds, 1);
     EXPECT_TRUE(options.metrics.empty());
+    EXPECT_FALSE(options.sendAtOnce);
     EXPECT_TRUE(options.mirror);
 }
 
@@ -488,6 +491,7 @@ TEST(BridgeOptionsTest, RefusesBadValues) {
              {"--server", "a,,b"},
              {"--server"},
              {"--json=1"},
+             {"--send-at-once=1"},
              {"--mirror", "--json"},
              {"--metrics", "9470"},
              {"--metrics", "127.0.0.1:65536"},
