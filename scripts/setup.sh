@@ -34,6 +34,8 @@ need_header nats/nats.h libnats-dev
 [ -x /usr/sbin/nats-server ] || command -v nats-server >/dev/null 2>&1 || missing+=(nats-server)
 # The bridge's credentials test makes its keys and signs its tokens with OpenSSL.
 need_header openssl/evp.h libssl-dev
+# scripts/bridge-figures.py plots the bridge's latency with gnuplot.
+need_command gnuplot gnuplot-nox
 # The Python tests run on Debian's interpreter, where python3-numpy installs.
 need_command /usr/bin/python3 python3
 [ -d /usr/lib/python3/dist-packages/numpy ] || missing+=(python3-numpy)
