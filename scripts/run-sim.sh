@@ -12,7 +12,7 @@ config=$(realpath "${1:-examples/sim.ini}")
 
 scripts/setup.sh
 cmake --preset release
-cmake --build --preset release --target quvo-md quvo-dump quvo-sim quvo-view print_updates
+cmake --build --preset release --target quvo-md quvo-dump quvo-sim quvo-view print_updates quvo-bridge
 
 export QUVO_KEY_DIR="${QUVO_KEY_DIR:-$root/run/keys}"
 mkdir -p "$QUVO_KEY_DIR" run/log
