@@ -29,7 +29,7 @@
 #include "interface/quvoreader.h"
 #include "tests/support/BookCheck.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/HttpGet.h"
+#include "tests/support/Loopback.h"
 #include "tests/support/NatsServer.h"
 #include "tests/support/PipedProcess.h"
 #include "tests/support/Poll.h"

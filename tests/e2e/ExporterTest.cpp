@@ -28,7 +28,7 @@
 
 #include "interface/quvohealthreader.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/HttpGet.h"
+#include "tests/support/Loopback.h"
 #include "tests/support/PipedProcess.h"
 #include "tests/support/Poll.h"
 #include "tests/support/ShmSandbox.h"
@@ -39,24 +39,6 @@ namespace {
 
 // Generous: under the sanitizers every process here runs several times slower.
 constexpr double kTimeoutSeconds = 60;
-
-// A loopback port nothing listened on a moment ago.
-int free_port() {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    int port = -1;
-    if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-        port = ntohs(address.sin_port);
-    }
-    if (fd >= 0) {
-        close(fd);
-    }
-    return port;
-}
 
 // An exposition's samples: `name{labels}` as served, to value.
 struct Exposition {
@@ -260,7 +242,7 @@ public:
 
     void Start() {
         for (int attempt = 0; attempt < 5 && m_port < 0; ++attempt) {
-            const int port = free_port();
+            const int port = free_loopback_port();
             ASSERT_GT(port, 0);
             m_process = std::make_unique<CChildProcess>(
                 std::vector<std::string>{QUVO_EXPORTER_PATH, "--listen", "127.0.0.1:" + std::to_string(port)},

@@ -13,30 +13,6 @@
 #include "tests/support/TempDir.h"
 #include "tests/support/TextUtil.h"
 
-int free_loopback_port() {
-    // The kernel may hand a port out again once closed: never give one twice.
-    static std::set<int> given;
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        const int fd = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof(address);
-        int port = -1;
-        if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
-            getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-            port = ntohs(address.sin_port);
-        }
-        if (fd >= 0) {
-            close(fd);
-        }
-        if (port > 0 && given.insert(port).second) {
-            return port;
-        }
-    }
-    return -1;
-}
-
 CNatsServer::CNatsServer(const std::string& program, const std::string& dir, const std::string& name,
                          int clusterPort, std::vector<int> routes)
     : m_program(program),

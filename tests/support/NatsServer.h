@@ -8,9 +8,7 @@
 #include <vector>
 
 #include "tests/support/ChildProcess.h"
-
-// A loopback port nothing listened on a moment ago; -1 when none was found.
-int free_loopback_port();
+#include "tests/support/Loopback.h"
 
 class CNatsServer {
 public:

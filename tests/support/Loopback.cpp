@@ -1,4 +1,4 @@
-#include "tests/support/HttpGet.h"
+#include "tests/support/Loopback.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -8,6 +8,31 @@
 
 #include <cerrno>
 #include <cstring>
+#include <set>
+
+int free_loopback_port() {
+    // The kernel may hand a port out again once closed: never give one twice.
+    static std::set<int> given;
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        const int fd = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof(address);
+        int port = -1;
+        if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
+            getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
+            port = ntohs(address.sin_port);
+        }
+        if (fd >= 0) {
+            close(fd);
+        }
+        if (port > 0 && given.insert(port).second) {
+            return port;
+        }
+    }
+    return -1;
+}
 
 // HTTP/1.0, so that the body ends when the server closes.
 bool scrape_metrics(int port, std::string& body, std::string& error) {
