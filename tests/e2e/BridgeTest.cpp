@@ -18,6 +18,8 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -36,6 +38,8 @@
 #include "tests/support/ShmSandbox.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/TextUtil.h"
+#include "tests/support/TmuxPane.h"
+#include "tests/support/ViewScreen.h"
 
 namespace {
 
@@ -362,6 +366,61 @@ protected:
         EXPECT_EQ(fromMirror.out, fromFeed.out);
     }
 
+    // The Python reader, and quvo-view's list, read the same books from the
+    // replica as from the feed's segments.
+    void ExpectReadersSeeTheFeedsBooks() {
+        std::string fromPython[2];
+        for (int side = 0; side < 2; ++side) {
+            const std::string dir = side == 0 ? m_feedKeys.Dir() : m_mirrorKeys.Dir();
+            const RunResult run = run_piped(kEnv, {std::string(QUVO_KEY_DIR_ENV) + "=" + dir,
+                                                   std::string("PYTHONPATH=") + QUVO_PYTHON_DIR,
+                                                   "/usr/bin/python3", "-m", "quvo", "--json"});
+            EXPECT_EQ(run.status, 0) << run.err;
+            fromPython[side] = run.out;
+        }
+        EXPECT_GT(count_of(fromPython[0], "\n"), 100u);
+        EXPECT_EQ(fromPython[1], fromPython[0]);
+
+        std::vector<list_row> rows[2];
+        for (int side = 0; side < 2; ++side) {
+            const std::string dir = side == 0 ? m_feedKeys.Dir() : m_mirrorKeys.Dir();
+            // A tmux server of its own for each: one just killed may still hold its socket.
+            const std::string paneDir = m_dir.Path() + (side == 0 ? "/view-feed" : "/view-mirror");
+            std::filesystem::create_directories(paneDir);
+            CTmuxPane view(QUVO_TMUX_PATH, paneDir,
+                           "exec env " QUVO_KEY_DIR_ENV "=" + dir + " " + QUVO_VIEW_PATH, 160, 30);
+            ASSERT_TRUE(view.Started());
+            view.WaitScreen(
+                [&](const std::vector<std::string>& screen) {
+                    rows[side] = list_rows(screen);
+                    return rows[side].size() >= 20 ? "" : std::string("quvo-view lists fewer than 20 books");
+                },
+                kTimeoutSeconds / 2);
+        }
+        // The screens may hold a different number of rows (the feed's shows
+        // that it stopped): the instruments both list must read the same, all
+        // but the updates a second, which count what each side announced lately.
+        std::map<std::string, std::vector<std::string>> feedRows;
+        for (const list_row& row : rows[0]) {
+            if (row.cells.size() > static_cast<size_t>(kAskVol)) {
+                feedRows[row.cells[kId]] =
+                    std::vector<std::string>(row.cells.begin(), row.cells.begin() + kAskVol + 1);
+            }
+        }
+        size_t compared = 0;
+        for (const list_row& row : rows[1]) {
+            ASSERT_GT(row.cells.size(), static_cast<size_t>(kAskVol));
+            const auto feedRow = feedRows.find(row.cells[kId]);
+            if (feedRow == feedRows.end()) {
+                continue;
+            }
+            EXPECT_EQ(std::vector<std::string>(row.cells.begin(), row.cells.begin() + kAskVol + 1),
+                      feedRow->second);
+            ++compared;
+        }
+        EXPECT_GE(compared, 20u);
+    }
+
     // SIGINT; the process ends with status 0 within the bound.
     void ExpectStops(CChildProcess& process, const std::string& output) {
         process.Signal(SIGINT);
@@ -393,6 +452,7 @@ TEST_F(BridgeE2E, MirrorStartedMidRunEndsWithTheFeedsBooks) {
     std::unique_ptr<CChildProcess> mirror =
         StartBridge(m_mirrorKeys.Dir(), "mirror.out", {"--mirror", "--server", url, "--stats=0.1"});
     ExpectMirrorEqualsFeed(*feed);
+    ExpectReadersSeeTheFeedsBooks();
     ExpectStops(*bridge, "bridge.out");
     ExpectStops(*mirror, "mirror.out");
     EXPECT_GT(last_figure(FigureFile("mirror.out"), "bucket_books"), 100);

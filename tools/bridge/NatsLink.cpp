@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -13,6 +14,8 @@ constexpr int64_t kReconnectWaitMs = 200;
 constexpr int64_t kReconnectJitterMs = 100;
 // Only a bound: the library settles the first attempt within milliseconds.
 constexpr auto kFirstAttemptWait = std::chrono::seconds(10);
+constexpr int kRefusedAttempts = 3;
+constexpr auto kRefusedRetryWait = std::chrono::milliseconds(250);
 
 // The library reads the file only when it connects, and then reports no
 // cause when it cannot: read it here first.
@@ -113,26 +116,41 @@ bool CNatsLink::Open(const BridgeOptions& options, const char* name, std::string
         error = "cannot set the NATS options: " + nats_error_text(status);
         return false;
     }
-    status = natsConnection_Connect(&m_pConn, m_pOptions);
-    if (status == NATS_OK) {
-        m_generation.fetch_add(1, std::memory_order_acq_rel);
-    } else if (status != NATS_NOT_YET_CONNECTED) {
-        error = "cannot connect to NATS: " + nats_error_text(status);
-        return false;
-    }
-    std::unique_lock<std::mutex> lock(m_mutex);
-    if (status == NATS_NOT_YET_CONNECTED) {
+    for (int attempt = 1;; ++attempt) {
+        status = natsConnection_Connect(&m_pConn, m_pOptions);
+        if (status == NATS_OK) {
+            m_generation.fetch_add(1, std::memory_order_acq_rel);
+            break;
+        }
+        if (status != NATS_NOT_YET_CONNECTED) {
+            error = "cannot connect to NATS: " + nats_error_text(status);
+            return false;
+        }
+        std::unique_lock<std::mutex> lock(m_mutex);
         // The library retries a server it cannot reach, but closes the
         // connection at once, with no cause, when a server refuses the client:
         // wait for the one or the other, so that a refusal ends the start.
         m_changed.wait_for(lock, kFirstAttemptWait, [this] {
             return m_closed || m_retrying || m_generation.load(std::memory_order_acquire) > 0;
         });
-        if (m_closed) {
+        if (!m_closed) {
+            break;
+        }
+        if (attempt == kRefusedAttempts) {
             error = _RefusedText();
             return false;
         }
+        // A server setting an account up as the first of its clients arrives
+        // has been seen to refuse one of two clients that came together:
+        // only a refusal that repeats ends the start.
+        m_closed = false;
+        m_retrying = false;
+        lock.unlock();
+        natsConnection_Destroy(m_pConn);
+        m_pConn = nullptr;
+        std::this_thread::sleep_for(kRefusedRetryWait);
     }
+    std::unique_lock<std::mutex> lock(m_mutex);
     m_opened = true;
     return true;
 }
