@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "interface/quvoreader.h"
+#include "tests/support/BridgeRun.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/NatsCreds.h"
 #include "tests/support/NatsServer.h"
@@ -25,21 +26,6 @@ namespace {
 
 // Generous: under the sanitizers every process here runs several times slower.
 constexpr double kTimeoutSeconds = 60;
-constexpr const char* kEnv = "/usr/bin/env";
-
-// Slots whose record differs between the two areas, and the counts if they differ.
-std::vector<std::string> area_differences(const share& feed, const share& mirror) {
-    std::vector<std::string> differences;
-    for (uint32_t slot = 0; slot < QUVO_INST_SLOTS; ++slot) {
-        if (memcmp(&feed.instmts[slot], &mirror.instmts[slot], sizeof(instrument)) != 0) {
-            differences.push_back("slot " + std::to_string(slot));
-        }
-    }
-    if (feed.shfe_inst_cnt != mirror.shfe_inst_cnt || feed.ine_inst_cnt != mirror.ine_inst_cnt) {
-        differences.push_back("instrument counts");
-    }
-    return differences;
-}
 
 class BridgeCredsE2E : public ::testing::Test {
 protected:
@@ -74,23 +60,18 @@ protected:
         }
     }
 
-    std::vector<std::string> In(const std::string& keyDir, std::vector<std::string> argv) {
-        argv.insert(argv.begin(), {kEnv, std::string(QUVO_KEY_DIR_ENV) + "=" + keyDir});
-        return argv;
-    }
-
     std::unique_ptr<CChildProcess> StartFeed(const std::string& device) {
         const std::string config = m_dir.WriteFile(
             "feed.ini", "[config]\ndevice = " + device +
                             "\ncpucore = -1\ninsts = all\nshfe2ps = enabled\nine2ps = enabled\n");
-        return std::make_unique<CChildProcess>(In(m_feedKeys.Dir(), {QUVO_MD_PATH, config}), m_dir.Path(),
-                                               Out("feed.out"));
+        return std::make_unique<CChildProcess>(in_key_dir(m_feedKeys.Dir(), {QUVO_MD_PATH, config}),
+                                               m_dir.Path(), Out("feed.out"));
     }
 
     std::unique_ptr<CChildProcess> StartBridge(const std::string& keyDir, const std::string& output,
                                                std::vector<std::string> args) {
         args.insert(args.begin(), {QUVO_BRIDGE_PATH, "--server", m_server->Url()});
-        return std::make_unique<CChildProcess>(In(keyDir, args), m_dir.Path(), Out(output));
+        return std::make_unique<CChildProcess>(in_key_dir(keyDir, args), m_dir.Path(), Out(output));
     }
 
     // Runs a bridge expected to end by itself: its exit status, or -1 when
@@ -130,11 +111,11 @@ TEST_F(BridgeCredsE2E, BridgeAndMirrorWithCredsCarryEveryBook) {
     ASSERT_EQ(status, 0) << read_file(Out("feed.out"));
     CQuvoReader feedReader;
     CQuvoReader mirrorReader;
-    std::string error;
-    setenv(QUVO_KEY_DIR_ENV, m_feedKeys.Dir().c_str(), 1);
-    ASSERT_TRUE(feedReader.Attach(error)) << error;
-    setenv(QUVO_KEY_DIR_ENV, m_mirrorKeys.Dir().c_str(), 1);
-    ASSERT_TRUE(mirrorReader.Attach(error)) << error;
+    attach_at(feedReader, m_feedKeys.Dir());
+    attach_at(mirrorReader, m_mirrorKeys.Dir());
+    if (HasFatalFailure()) {
+        return;
+    }
     ASSERT_GT(feedReader.ListSlots().size(), 100u);
     std::vector<std::string> differences;
     EXPECT_TRUE(poll_until(
