@@ -313,6 +313,10 @@ bool CBridgePublisher::_SetUpJetStream(std::string& error) {
         jsOptions_Init(&options);
         // Bounds the puts in flight; past it a put fails and the book waits in the table.
         options.PublishAsync.MaxPending = kMaxPutsInFlight;
+        // With the bound reached, a put waits for room as long as an
+        // acknowledgement may take, rather than fail: the table conflates
+        // meanwhile, and only a put still without room counts as an error.
+        options.PublishAsync.StallWait = kPutWaitMs;
         options.PublishAsync.ErrHandler = _OnPutFailed;
         options.PublishAsync.ErrHandlerClosure = this;
         status = natsConnection_JetStream(&m_pJs, m_link.Connection(), &options);
