@@ -54,6 +54,12 @@ CBridgePublisher::~CBridgePublisher() {
     m_pMetrics.reset();
     _StopPublisher();
     if (m_pJs != nullptr) {
+        // Puts still unacknowledged at the stop stay the caller's to free;
+        // the next bridge sends every book again.
+        natsMsgList unacknowledged{};
+        if (js_PublishAsyncGetPendingList(&unacknowledged, m_pJs) == NATS_OK) {
+            natsMsgList_Destroy(&unacknowledged);
+        }
         jsCtx_Destroy(m_pJs);
     }
     m_link.Close();
